@@ -1,0 +1,30 @@
+# The front door: `make` builds both flavours, `make test` runs every test in both, `make demo` shows it working.
+JOBS      ?= 2
+FLAVOURS  := 32 64
+CMAKE_ARGS_32 := -DZEP_M32=ON
+CMAKE_ARGS_64 :=
+
+.PHONY: all deps build test demo clean $(addprefix configure-,$(FLAVOURS))
+
+all: build
+
+deps:
+	@scripts/ensure-deps.sh
+
+configure-%: deps
+	@[ -f build/$*/CMakeCache.txt ] || cmake -S . -B build/$* $(CMAKE_ARGS_$*) >/dev/null
+
+build: $(addprefix configure-,$(FLAVOURS))
+	@for f in $(FLAVOURS); do cmake --build build/$$f -j$(JOBS) || exit 1; done
+
+test: build
+	@for f in $(FLAVOURS); do \
+	  echo "== $$f-bit flavour =="; \
+	  ctest --test-dir build/$$f --output-on-failure -j$(JOBS) || exit 1; \
+	done
+
+demo: build
+	@scripts/run-demo.sh build/64
+
+clean:
+	rm -rf build
