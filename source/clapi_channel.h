@@ -16,7 +16,6 @@ int         validateName(const char* name);
 int         getCurrentCcsid(int* ccsidPtr);
 int         lockChannel(Channel* chanTok);
 int         unlockChannel(Channel* chanTok);
-const char* getContainerTypeString(int type);
 
 #ifdef __cplusplus
 }

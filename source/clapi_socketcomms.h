@@ -27,6 +27,7 @@ int      readChannel(SocketBuffer* sb, Channel* channel);
 int      addContainer(SocketBuffer* sb, Channel* channel, Container* record);
 int      modifyContainer(SocketBuffer* sb, Channel* channel, Container* record);
 int      deleteContainer(Channel* channel, Container* record);
+const char* getContainerTypeString(int type);
 
 int      clapiFlowESIRequest(int socketDesc, FlowHeader* header, EsiRequest* request);
 int32_t  calculateESIRequestSize(EsiRequest* request);
