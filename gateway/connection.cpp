@@ -1,0 +1,398 @@
+#include "connection.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <chrono>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "log.h"
+#include "replies.h"
+#include "services.h"
+
+namespace zepgw {
+
+namespace {
+
+// How long a connection that zepgw ends waits for the client to close its side.
+constexpr std::chrono::seconds kDrainLimit(5);
+
+// Reads n bytes; returns fewer only at end of stream or on an error.
+size_t recvAll(int fd, uint8_t* p, size_t n)
+{
+    size_t got = 0;
+    while (got < n) {
+        const ssize_t r = ::recv(fd, p + got, n - got, 0);
+        if (r > 0)
+            got += static_cast<size_t>(r);
+        else if (r < 0 && errno == EINTR)
+            continue;
+        else
+            break;
+    }
+    return got;
+}
+
+void breakEyecatcher(Bytes& message)
+{
+    ByteWriter w;
+    w.i32(kBadEyecatcher);
+    const Bytes bad = w.take();
+    std::copy(bad.begin(), bad.end(), message.begin());
+}
+
+std::string format(const char* fmt, long a, long b = 0)
+{
+    char text[128];
+    std::snprintf(text, sizeof text, fmt, a, b);
+    return text;
+}
+
+}  // namespace
+
+Connection::Connection(int fd, int number, Context& context)
+    : fd_(fd), number_(number), context_(context)
+{
+}
+
+Connection::~Connection()
+{
+    ::close(fd_);
+}
+
+void Connection::run()
+{
+    if (context_.options.verbose)
+        logLine("conn %d opened", number_);
+    bool going = true;
+    while (going) {
+        Message m;
+        going = readMessage(m) && dispatch(m);
+    }
+    if (!badReason_.empty()) {
+        logLine("conn %d closed: %s", number_, badReason_.c_str());
+        abort();
+    } else if (context_.options.verbose) {
+        logLine("conn %d closed", number_);
+    }
+    closeWrites();
+    drain();
+    ended_ = true;
+    context_.connectionEnded();
+}
+
+void Connection::bad(const std::string& reason)
+{
+    if (badReason_.empty() && !aborted_)
+        badReason_ = reason;
+}
+
+// False at the end of the stream, or on bad input with badReason_ set.
+bool Connection::readMessage(Message& m)
+{
+    uint8_t fixed[kHeaderFixedPart];
+    const size_t got = recvAll(fd_, fixed, sizeof fixed);
+    if (got == 0)
+        return false;
+    if (got < sizeof fixed) {
+        bad("truncated header");
+        return false;
+    }
+    ByteReader r(fixed, sizeof fixed);
+    Header& h = m.header;
+    h.eyecatcher = r.i32();
+    if (h.eyecatcher != kEyecatcher) {
+        bad(format("bad eyecatcher 0x%08lx", static_cast<uint32_t>(h.eyecatcher)));
+        return false;
+    }
+    h.version = r.i32();
+    h.flowType = r.i32();
+    h.messageId = r.i32();
+    h.returnCode = r.i32();
+    const int32_t typeLength = r.i32();
+    if (typeLength < 1 || typeLength > kMaxRequestTypeLength) {
+        bad(format("request type length %ld", typeLength));
+        return false;
+    }
+    if (!readHeaderRest(h, static_cast<size_t>(typeLength)))
+        return false;
+    m.payload.resize(static_cast<size_t>(h.payloadLength));
+    if (recvAll(fd_, m.payload.data(), m.payload.size()) < m.payload.size()) {
+        bad(format("truncated message: payload of %ld bytes announced", h.payloadLength));
+        return false;
+    }
+    return true;
+}
+
+// The request type, flags and payload length that follow the fixed part.
+bool Connection::readHeaderRest(Header& h, size_t typeLength)
+{
+    uint8_t rest[kMaxRequestTypeLength + 5];
+    const size_t want = typeLength + 5;
+    if (recvAll(fd_, rest, want) < want) {
+        bad("truncated header");
+        return false;
+    }
+    h.requestType.assign(reinterpret_cast<const char*>(rest), typeLength);
+    ByteReader r(rest + typeLength, 5);
+    h.flags = r.u8();
+    h.payloadLength = r.i32();
+    if (h.payloadLength < 0 || h.payloadLength > kMaxPayload) {
+        bad(format("payload length %ld", h.payloadLength));
+        return false;
+    }
+    return true;
+}
+
+bool Connection::dispatch(const Message& m)
+{
+    const Header& h = m.header;
+    if (h.flowType == kFlowClose) {
+        if (context_.options.verbose)
+            logLine("conn %d close requested", number_);
+        send(encodeControl(kFlowClose, kCloseMessageId));
+        return false;
+    }
+    if (h.flowType == kFlowHandshake && h.requestType == "BASE")
+        onHandshake(m);
+    else if (h.flowType == kFlowRequest && h.requestType == "ECI")
+        onEci(m);
+    else if (h.flowType == kFlowRequest && h.requestType == "ESI")
+        onEsi(m);
+    else if (h.flowType == kFlowRequest || h.flowType == kFlowHandshake)
+        bad("unknown request type '" + printable(h.requestType) + "'");
+    else
+        bad(format("unexpected flow type %ld", h.flowType));
+    return badReason_.empty() && !over_;
+}
+
+void Connection::onHandshake(const Message& m)
+{
+    Handshake hs;
+    if (!decodeHandshake(m.payload, hs)) {
+        bad(format("malformed handshake (payload of %ld bytes)", long(m.payload.size())));
+        return;
+    }
+    if (context_.options.verbose)
+        logLine("conn %d handshake applid '%s' qualifier '%s'", number_,
+                printable(hs.applid).c_str(), printable(hs.qualifier).c_str());
+    if (hs.applid == "NOHS")
+        return;
+    if (hs.applid == "HSERR") {
+        send(encodeError(kHandshakeMessageId, "BASE", kRcWorkWasRefused));
+        return;
+    }
+    Bytes answer = encodeHandshakeReply();
+    if (hs.applid == "HSBADEYE")
+        breakEyecatcher(answer);
+    if (hs.applid == "PINGY")
+        pingy_ = true;
+    send(answer);
+}
+
+void Connection::onEci(const Message& m)
+{
+    EciRequest q;
+    if (!decodeEciRequest(m.payload, q)) {
+        bad(format("malformed ECI request (payload of %ld bytes)", long(m.payload.size())));
+        return;
+    }
+    const int32_t id = m.header.messageId;
+    if (q.kind == kKindListSystems) {
+        const Bytes answer = answerSystemList(id, q, context_.systems);
+        reply(answer);
+        logRequest(m, q, answer.size(), "systems");
+    } else if (q.kind == kKindProgram || q.kind == kKindProgramAltTransid) {
+        const Outcome o =
+            context_.systems.knows(q.systemName) ? runProgram(q, luw_) : unknownServer(q);
+        perform(m, q, o);
+    } else {
+        const Bytes answer = encodeError(id, "ECI", kRcWorkWasRefused);
+        reply(answer);
+        logRequest(m, q, answer.size(), "unknown kind, error flow");
+    }
+}
+
+void Connection::perform(const Message& m, const EciRequest& q, const Outcome& o)
+{
+    const int32_t id = m.header.messageId;
+    Bytes answer = encodeEciReply(id, o.reply);
+    std::string result = format("rc %ld", o.reply.returnCode);
+    switch (o.action) {
+    case Action::Reply:
+        reply(answer);
+        break;
+    case Action::Delay: {
+        std::shared_ptr<Connection> self = shared_from_this();
+        context_.scheduler.after(std::chrono::milliseconds(o.delayMs),
+                                 [self, answer] { self->reply(answer); });
+        result += format(" after %ld ms", o.delayMs);
+        break;
+    }
+    case Action::Hang:
+        result = "no reply";
+        break;
+    case Action::Error:
+        answer = encodeError(id, "ECI", o.errorCode);
+        reply(answer);
+        result = format("error flow %ld", o.errorCode);
+        break;
+    case Action::Exception:
+        answer = encodeException(id, "ECI", exceptionText(q.program));
+        reply(answer);
+        result = "exception flow";
+        break;
+    case Action::Stray:
+        answer = encodeEciReply(id + 1000, o.reply);
+        reply(answer);
+        result = format("reply under message id %ld", long(id) + 1000);
+        break;
+    case Action::BadEyecatcher:
+        breakEyecatcher(answer);
+        reply(answer);
+        result = "reply with a bad eyecatcher";
+        break;
+    case Action::Drop:
+        closeWrites();
+        over_ = true;
+        result = "dropped the connection";
+        break;
+    case Action::DropMid:
+        sendPartAndClose(answer, answer.size() / 2);
+        over_ = true;
+        result = format("sent %ld of %ld bytes, dropped the connection",
+                        long(answer.size() / 2), long(answer.size()));
+        break;
+    case Action::GatewayClose:
+        answer = encodeControl(kFlowClose, kCloseMessageId);
+        sendPartAndClose(answer, answer.size());
+        over_ = true;
+        result = "close flow";
+        break;
+    }
+    logRequest(m, q, answer.size(), result);
+}
+
+void Connection::onEsi(const Message& m)
+{
+    EsiRequest q;
+    if (!decodeEsiRequest(m.payload, q)) {
+        bad(format("malformed ESI request (payload of %ld bytes)", long(m.payload.size())));
+        return;
+    }
+    int32_t rc = 0;
+    const Bytes answer =
+        answerEsi(m.header.messageId, q, context_.systems, context_.users, rc);
+    reply(answer);
+    if (context_.options.verbose)
+        logLine("conn %d msg %d ESI kind %d user %s in %zu out %zu rc %d", number_,
+                m.header.messageId, q.kind, printable(q.userid).c_str(), m.payload.size(),
+                answer.size(), rc);
+}
+
+void Connection::logRequest(const Message& m, const EciRequest& q, size_t out,
+                            const std::string& result)
+{
+    if (!context_.options.verbose)
+        return;
+    logLine("conn %d msg %d ECI kind %d program %s in %zu out %zu %s", number_,
+            m.header.messageId, q.kind, printable(trimField(q.program)).c_str(),
+            m.payload.size(), out, result.c_str());
+}
+
+void Connection::ping()
+{
+    send(encodeControl(kFlowPing, 0));
+}
+
+bool Connection::send(const Bytes& message)
+{
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    return writeLocked(message.data(), message.size());
+}
+
+void Connection::reply(const Bytes& message)
+{
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    if (pingy_) {
+        const Bytes ping = encodeControl(kFlowPing, 0);
+        writeLocked(ping.data(), ping.size());
+    }
+    writeLocked(message.data(), message.size());
+}
+
+void Connection::sendPartAndClose(const Bytes& message, size_t length)
+{
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    writeLocked(message.data(), length);
+    closeWritesLocked();
+}
+
+// Write mutex held on entry.
+bool Connection::writeLocked(const uint8_t* data, size_t length)
+{
+    while (length > 0 && !writesClosed_) {
+        const ssize_t w = ::send(fd_, data, length, MSG_NOSIGNAL);
+        if (w > 0) {
+            data += w;
+            length -= static_cast<size_t>(w);
+        } else if (w < 0 && errno == EINTR) {
+            continue;
+        } else {
+            writesClosed_ = true;
+            ::shutdown(fd_, SHUT_RDWR);
+        }
+    }
+    return length == 0;
+}
+
+// Write mutex held on entry.
+void Connection::closeWritesLocked()
+{
+    if (writesClosed_)
+        return;
+    writesClosed_ = true;
+    ::shutdown(fd_, SHUT_WR);
+}
+
+void Connection::closeWrites()
+{
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    closeWritesLocked();
+}
+
+void Connection::abort()
+{
+    aborted_ = true;
+    // Before the mutex: this wakes a writer that blocks while holding it.
+    ::shutdown(fd_, SHUT_RDWR);
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    writesClosed_ = true;
+}
+
+// Reads and drops what the client still sends until it closes its side, so
+// that a reset does not overtake the last bytes zepgw sent.
+void Connection::drain()
+{
+    const auto deadline = std::chrono::steady_clock::now() + kDrainLimit;
+    uint8_t sink[4096];
+    while (!aborted_) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return;
+        pollfd p{fd_, POLLIN, 0};
+        const int ready = ::poll(&p, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return;
+        const ssize_t n = ::recv(fd_, sink, sizeof sink, 0);
+        if (n == 0 || (n < 0 && errno != EINTR))
+            return;
+    }
+}
+
+}  // namespace zepgw

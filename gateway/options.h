@@ -1,0 +1,25 @@
+// Command line of zepgw.
+#pragma once
+
+#include <string>
+
+namespace zepgw {
+
+struct Options {
+    std::string host = "127.0.0.1";
+    int port = 0;
+    int idleExitSeconds = 0;  // 0: never
+    int pingSeconds = 0;      // 0: no pings
+    std::string systemsFile;
+    std::string usersFile;
+    bool verbose = false;
+    bool exitOnStdinEof = false;
+};
+
+enum class ParseResult { Run, Help, Error };
+
+ParseResult parseOptions(int argc, char** argv, Options& options, std::string& error);
+
+const char* helpText();
+
+}  // namespace zepgw
