@@ -1,0 +1,169 @@
+#include "trace_capture.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <unistd.h>
+
+#include "../../include/zepclient.h"
+
+namespace {
+
+std::string makeTempDir() {
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/zeptrace.XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    if (mkdtemp(buffer.data()) == nullptr) {
+        perror("mkdtemp");
+        abort();
+    }
+    return buffer.data();
+}
+
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
+    return remove(path);
+}
+
+void removeTree(const std::string& dir) {
+    nftw(dir.c_str(), removeEntry, 8, FTW_DEPTH | FTW_PHYS);
+}
+
+}  // namespace
+
+TraceCapture::TraceCapture(int level) : dir_(makeTempDir()), path_(dir_ + "/trace.log") {
+    fileRc_ = ZEP_setAPITraceFile(path_.c_str());
+    if (level >= 0) levelRc_ = ZEP_setAPITraceLevel(level);
+}
+
+TraceCapture::~TraceCapture() {
+    ZEP_setAPITraceLevel(0);
+    ZEP_setAPITraceFile(nullptr);
+    removeTree(dir_);
+}
+
+std::string TraceCapture::readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::string TraceCapture::text() const { return readFile(path_); }
+
+std::vector<std::string> TraceCapture::splitLines(const std::string& text) {
+    std::vector<std::string> result;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        result.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return result;
+}
+
+std::vector<std::string> TraceCapture::lines() const { return splitLines(text()); }
+
+namespace {
+
+// True if `text` holds, from `at`, the characters of `pattern`: 'd' a decimal digit, 'X' an upper-case hex
+// digit, anything else itself.
+bool matchesShape(const std::string& text, size_t at, const char* pattern) {
+    for (size_t i = 0; pattern[i] != '\0'; ++i) {
+        if (at + i >= text.size()) return false;
+        char c = text[at + i];
+        bool ok = pattern[i] == 'd'   ? (c >= '0' && c <= '9')
+                  : pattern[i] == 'X' ? ((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))
+                                      : c == pattern[i];
+        if (!ok) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+// "dd/mm/yy hh:mm:ss:mmm [0xPPPPPPPP,0xTTTTTTTT] [iiii] TYPE__ message"; the id has at least four digits.
+bool TraceCapture::parseRecord(const std::string& line, TraceRecord* record) {
+    static const char stampAndIds[] = "dd/dd/dd dd:dd:dd:ddd [0xXXXXXXXX,0xXXXXXXXX] [dddd";
+    if (!matchesShape(line, 0, stampAndIds)) return false;
+    size_t idEnd = sizeof stampAndIds - 1;
+    while (idEnd < line.size() && line[idEnd] >= '0' && line[idEnd] <= '9') ++idEnd;
+    if (!matchesShape(line, idEnd, "] ") || line.size() < idEnd + 2 + 7 || line[idEnd + 2 + 6] != ' ') return false;
+    record->timestamp = line.substr(0, 21);
+    record->pid = static_cast<uint32_t>(std::stoul(line.substr(25, 8), nullptr, 16));
+    record->tid = static_cast<uint32_t>(std::stoul(line.substr(36, 8), nullptr, 16));
+    record->id = std::stoi(line.substr(47, idEnd - 47));
+    std::string type = line.substr(idEnd + 2, 6);
+    type.erase(type.find_last_not_of(' ') + 1);
+    record->type = type;
+    record->message = line.substr(idEnd + 2 + 7);
+    return true;
+}
+
+std::vector<TraceRecord> TraceCapture::parse(const std::string& text) {
+    std::vector<TraceRecord> result;
+    std::vector<std::string> all = splitLines(text);
+    for (size_t i = 0; i < all.size(); ++i) {
+        TraceRecord record;
+        if (!parseRecord(all[i], &record)) continue;
+        record.line = i;
+        result.push_back(record);
+    }
+    return result;
+}
+
+std::vector<TraceRecord> TraceCapture::records() const { return parse(text()); }
+
+std::vector<TraceRecord> TraceCapture::find(int id) const {
+    std::vector<TraceRecord> result;
+    for (const TraceRecord& record : records())
+        if (record.id == id) result.push_back(record);
+    return result;
+}
+
+bool TraceCapture::has(int id, const std::string& message) const {
+    for (const TraceRecord& record : find(id))
+        if (record.message == message) return true;
+    return false;
+}
+
+std::vector<std::string> TraceCapture::linesAfter(const TraceRecord& record) const {
+    std::vector<std::string> all = lines();
+    std::vector<std::string> result;
+    TraceRecord ignored;
+    for (size_t i = record.line + 1; i < all.size() && !parseRecord(all[i], &ignored); ++i)
+        result.push_back(all[i]);
+    return result;
+}
+
+void TraceCapture::clear() const {
+    if (truncate(path_.c_str(), 0) != 0) perror("truncate");
+}
+
+StderrCapture::StderrCapture() : dir_(makeTempDir()), path_(dir_ + "/stderr.log") {
+    fflush(stderr);
+    int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    savedFd_ = dup(2);
+    if (fd < 0 || savedFd_ < 0 || dup2(fd, 2) < 0) {
+        perror("StderrCapture");
+        abort();
+    }
+    close(fd);
+}
+
+StderrCapture::~StderrCapture() {
+    fflush(stderr);
+    dup2(savedFd_, 2);
+    close(savedFd_);
+    removeTree(dir_);
+}
+
+std::string StderrCapture::text() const {
+    fflush(stderr);
+    return TraceCapture::readFile(path_);
+}

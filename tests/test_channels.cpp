@@ -1,0 +1,335 @@
+/* Channels: creation, names, the channel list and its dump, deletion and the channel lock. */
+#include "channel_test_support.h"
+
+#include <string.h>
+
+#include <atomic>
+#include <future>
+
+namespace {
+
+const std::string rule(80, '-');
+
+using Channels = ChannelTest;
+
+TEST_F(Channels, SixteenCharacterNameIsStoredWholeAndReturnedTerminated)
+{
+    Channel* chan = newChannel("ABCDEFGHIJKLMNOP");
+    ASSERT_NE(chan, nullptr);
+    EXPECT_EQ(memcmp(chan->eyecatcher, "ZEPCHANN", 8), 0);
+    EXPECT_EQ(memcmp(chan->name, "ABCDEFGHIJKLMNOP", 16), 0);
+    char buffer[24];
+    memset(buffer, 'x', sizeof buffer);
+    EXPECT_EQ(ECI_getChannelName(chan, buffer), 0);
+    EXPECT_STREQ(buffer, "ABCDEFGHIJKLMNOP");
+    EXPECT_EQ(buffer[17], 'x');   /* 17 bytes are the call's, no more */
+}
+
+TEST_F(Channels, ShortNameIsPaddedAndTheWhole17BytesAreCleared)
+{
+    Channel* chan = newChannel("AB");
+    const char padded[16] = {'A', 'B'};
+    EXPECT_EQ(memcmp(chan->name, padded, 16), 0);
+    char buffer[24];
+    memset(buffer, 'x', sizeof buffer);
+    EXPECT_EQ(ECI_getChannelName(chan, buffer), 0);
+    for (int i = 2; i < 17; i++) EXPECT_EQ(buffer[i], '\0') << i;
+    EXPECT_EQ(buffer[17], 'x');
+}
+
+TEST_F(Channels, NewChannelHasNoCcsidAndNoContainers)
+{
+    TraceCapture trace(2);
+    Channel* chan = newChannel("FRESH");
+    EXPECT_EQ(onlyRecord(trace, 1305), "EVENT API.ECI_createChannel() New channel \"FRESH\" created (" + hexPtr(chan) + ")");
+    ASSERT_EQ(ZEP_ECI_dumpChannels(), 0);
+    std::vector<std::string> lines = trace.lines();
+    auto entry = std::find_if(lines.begin(), lines.end(),
+                              [](const std::string& l) { return l.rfind("Channel list entry -0001- : ", 0) == 0; });
+    ASSERT_NE(entry, lines.end());
+    EXPECT_NE(entry->find(" isLocked(0) ccsid(-1) numContainers(0) nextChannel((nil)) firstCont((nil)) "
+                          "currentCont((nil))"),
+              std::string::npos)
+        << *entry;
+}
+
+TEST_F(Channels, DumpOfTheEmptyListIsFourLines)
+{
+    TraceCapture trace(0);
+    EXPECT_EQ(ZEP_ECI_dumpChannels(), 0);
+    std::vector<std::string> expected = {"Channel and container dump", rule, "The channel list is EMPTY", rule};
+    EXPECT_EQ(trace.lines(), expected);
+}
+
+TEST_F(Channels, DumpShowsChannelsNewestFirstWithTheirContainers)
+{
+    Channel* older = newChannel("CHANA");
+    Channel* newer = newChannel("CHANB");
+    ASSERT_EQ(ECI_createContainer(newer, "C1", ECI_BIT, 0, "12345", 5), 0);
+    ASSERT_EQ(ECI_createContainer(newer, "C2", ECI_CHAR, 1208, "abc", 3), 0);
+    Container* c2 = newer->firstCont;
+    Container* c1 = c2->nextCont;
+    TraceCapture trace(0);
+    EXPECT_EQ(ZEP_ECI_dumpChannels(), 0);
+
+    char line[4][512];
+    snprintf(line[0], sizeof line[0],
+             "Channel list entry -0001- : Channel(%p): eyecatcher(ZEPCHANN) name(           CHANB) serlock(%p) "
+             "unlockEvent(%p) isLocked(0) ccsid(1208) numContainers(2) nextChannel(%p) firstCont(%p) currentCont((nil))",
+             (void*)newer, (void*)&newer->serlock, (void*)&newer->unlockEvent, (void*)older, (void*)c2);
+    snprintf(line[1], sizeof line[1],
+             "   Container list entry -0001/0001- : Container(%p): eyecatcher(ZEPCONTA) name(              C2) "
+             "type(2) ccsid(1208) dataLength(3) dataPtr(%p) nextCont(%p)",
+             (void*)c2, (void*)c2->dataPtr, (void*)c1);
+    snprintf(line[2], sizeof line[2],
+             "   Container list entry -0001/0002- : Container(%p): eyecatcher(ZEPCONTA) name(              C1) "
+             "type(1) ccsid(0) dataLength(5) dataPtr(%p) nextCont((nil))",
+             (void*)c1, (void*)c1->dataPtr);
+    snprintf(line[3], sizeof line[3],
+             "Channel list entry -0002- : Channel(%p): eyecatcher(ZEPCHANN) name(           CHANA) serlock(%p) "
+             "unlockEvent(%p) isLocked(0) ccsid(-1) numContainers(0) nextChannel((nil)) firstCont((nil)) "
+             "currentCont((nil))",
+             (void*)older, (void*)&older->serlock, (void*)&older->unlockEvent);
+    std::vector<std::string> expected = {"Channel and container dump", rule, line[0], line[1], line[2], line[3],
+                                         "Total number of channels=2", rule};
+    EXPECT_EQ(trace.lines(), expected);
+}
+
+TEST_F(Channels, DumpShowsAHeldChannelAsLocked)
+{
+    Channel* chan = newChannel("HELD");
+    ASSERT_EQ(lockChannel(chan), 0);
+    TraceCapture trace(0);
+    EXPECT_EQ(ZEP_ECI_dumpChannels(), 0);
+    ASSERT_EQ(trace.lines().size(), 5u);
+    EXPECT_NE(trace.lines()[2].find(" isLocked(1) "), std::string::npos) << trace.lines()[2];
+    EXPECT_EQ(unlockChannel(chan), 0);
+}
+
+TEST_F(Channels, DeleteUnlinksFreesAndClearsTheToken)
+{
+    Channel* first = newChannel("FIRST");
+    Channel* middle = newChannel("MIDDLE");
+    Channel* last = newChannel("LAST");
+    ASSERT_EQ(ECI_createContainer(middle, "DATA", ECI_BIT, 0, "12345", 5), 0);
+    ASSERT_EQ(ECI_createContainer(middle, "EMPTY", ECI_BIT, 0, NULL, 0), 0);
+    Container* empty = middle->firstCont;
+    Container* data = empty->nextCont;
+    std::string dataBlock = hexPtr(data->dataPtr);
+    Channel* deleted = middle;
+    TraceCapture trace(4);
+    EXPECT_EQ(ECI_deleteChannel(&middle), 0);
+    EXPECT_EQ(middle, nullptr);
+    EXPECT_EQ(last->nextChannel, first);   /* unlinked from the middle of the list */
+    EXPECT_EQ(onlyRecord(trace, 1420),
+              "DEBUG API.ECI_deleteChannel() Freeing 5 bytes of container data (" + dataBlock + ")");
+    std::vector<std::string> containers = {
+        "EVENT API.ECI_deleteChannel() Deleted container \"EMPTY\" (" + hexPtr(empty) + ")",
+        "EVENT API.ECI_deleteChannel() Deleted container \"DATA\" (" + hexPtr(data) + ")"};
+    EXPECT_EQ(recordTexts(trace, 1421), containers);
+    EXPECT_EQ(onlyRecord(trace, 1423),
+              "DEBUG API.ECI_deleteChannel() Released lock for channel " + hexPtr(deleted) + ", now deleting");
+    EXPECT_EQ(onlyRecord(trace, 1422), "EVENT API.ECI_deleteChannel() Deleted channel \"MIDDLE\" (" + hexPtr(deleted) + ")");
+    EXPECT_EQ(onlyRecord(trace, 1314), "EXIT API.ECI_deleteChannel() rc=0 (ECI_NO_ERROR)");
+    EXPECT_EQ(ECI_deleteChannel(&last), 0);
+    EXPECT_EQ(first->nextChannel, nullptr);
+    EXPECT_EQ(ECI_deleteChannel(&first), 0);   /* the head, and then the last one */
+    EXPECT_EQ(chanList, nullptr);
+}
+
+TEST_F(Channels, DeleteAllEmptiesTheList)
+{
+    Channel* a = newChannel("A");
+    Channel* b = newChannel("B");
+    ASSERT_EQ(ECI_createContainer(a, "BYTES", ECI_BIT, 0, "1234567", 7), 0);
+    std::string block = hexPtr(a->firstCont->dataPtr);
+    std::string container = hexPtr(a->firstCont);
+    TraceCapture trace(4);
+    EXPECT_EQ(ECI_deleteAllChannels(), 0);
+    std::vector<std::string> destroyed = {
+        "DEBUG API.ECI_deleteAllChannels() Destroying event and lock for channel \"B\" (" + hexPtr(b) + ")",
+        "DEBUG API.ECI_deleteAllChannels() Destroying event and lock for channel \"A\" (" + hexPtr(a) + ")"};
+    EXPECT_EQ(recordTexts(trace, 1426), destroyed);
+    EXPECT_EQ(onlyRecord(trace, 1427), "DEBUG API.ECI_deleteAllChannels() Freeing 7 bytes of container data (" + block + ")");
+    EXPECT_EQ(onlyRecord(trace, 1317), "EVENT API.ECI_deleteAllChannels() Deleted container \"BYTES\" (" + container + ")");
+    std::vector<std::string> channels = {
+        "EVENT API.ECI_deleteAllChannels() Deleted channel \"B\" (" + hexPtr(b) + ")",
+        "EVENT API.ECI_deleteAllChannels() Deleted channel \"A\" (" + hexPtr(a) + ")"};
+    EXPECT_EQ(recordTexts(trace, 1429), channels);
+    EXPECT_EQ(onlyRecord(trace, 1430), "EXIT API.ECI_deleteAllChannels() rc=0 (ECI_NO_ERROR)");
+    EXPECT_EQ(chanList, nullptr);
+}
+
+/* A block the size of a channel whose lock was never initialised. */
+struct NotAChannel {
+    alignas(8) unsigned char bytes[sizeof(Channel)] = {};
+    Channel* token() { return reinterpret_cast<Channel*>(bytes); }
+};
+
+struct ArgCase {
+    const char* label;
+    int (*call)(Channel* chan, Channel* bogus);
+    int         rc;
+    int         excId;
+    const char* excText;
+    const char* exitText;
+};
+
+const ArgCase argCases[] = {
+    {"createNullTokPtrFirst", [](Channel*, Channel*) { return ECI_createChannel(NULL, NULL); },
+     ECI_ERR_NULLCHANNELPTR, 1301, "*EXC* API.ECI_createChannel() tokPtr is NULL",
+     "EXIT API.ECI_createChannel() rc=-52 (ECI_ERR_NULLCHANNELPTR)"},
+    {"createBadName",
+     [](Channel*, Channel*) {
+         Channel* c = NULL;
+         return ECI_createChannel("", &c);
+     },
+     ECI_ERR_INVALID_NAME, 1407, "*EXC* clapi_channel.validateName() name is zero length",
+     "EXIT API.ECI_createChannel() rc=-51 (ECI_ERR_INVALID_NAME)"},
+    {"deleteNullTokPtr", [](Channel*, Channel*) { return ECI_deleteChannel(NULL); }, ECI_ERR_NULLCHANNELPTR, 1311,
+     "*EXC* API.ECI_deleteChannel() tokPtr is NULL", "EXIT API.ECI_deleteChannel() rc=-52 (ECI_ERR_NULLCHANNELPTR)"},
+    {"deleteNullToken",
+     [](Channel*, Channel*) {
+         Channel* c = NULL;
+         return ECI_deleteChannel(&c);
+     },
+     ECI_ERR_INVALID_CHANNEL, 1312, "*EXC* API.ECI_deleteChannel() *tokPtr is NULL",
+     "EXIT API.ECI_deleteChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
+    {"deleteNotAChannel", [](Channel*, Channel* bogus) { return ECI_deleteChannel(&bogus); }, ECI_ERR_INVALID_CHANNEL,
+     1462, "*EXC* clapi_channel.lockChannel() chanTok (%p) is not a channel",
+     "EXIT API.ECI_deleteChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
+    {"nameNullTokenFirst", [](Channel*, Channel*) { return ECI_getChannelName(NULL, NULL); }, ECI_ERR_INVALID_CHANNEL,
+     1321, "*EXC* API.ECI_getChannelName() chanTok is NULL",
+     "EXIT API.ECI_getChannelName() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
+    {"nameNullBuffer", [](Channel* chan, Channel*) { return ECI_getChannelName(chan, NULL); }, ECI_ERR_NULLPTR, 1322,
+     "*EXC* API.ECI_getChannelName() nameBuffer is NULL", "EXIT API.ECI_getChannelName() rc=-109 (ECI_ERR_NULLPTR)"},
+    {"nameNotAChannel",
+     [](Channel*, Channel* bogus) {
+         char buffer[17];
+         return ECI_getChannelName(bogus, buffer);
+     },
+     ECI_ERR_INVALID_CHANNEL, 1462, "*EXC* clapi_channel.lockChannel() chanTok (%p) is not a channel",
+     "EXIT API.ECI_getChannelName() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
+    {"lockNull", [](Channel*, Channel*) { return lockChannel(NULL); }, ECI_ERR_INVALID_CHANNEL, 1461,
+     "*EXC* clapi_channel.lockChannel() chanTok is NULL", "EXIT clapi_channel.lockChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
+    {"unlockNull", [](Channel*, Channel*) { return unlockChannel(NULL); }, ECI_ERR_INVALID_CHANNEL, 1472,
+     "*EXC* clapi_channel.unlockChannel() chanTok is NULL",
+     "EXIT clapi_channel.unlockChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
+    {"unlockNotAChannel", [](Channel*, Channel* bogus) { return unlockChannel(bogus); }, ECI_ERR_INVALID_CHANNEL, 1473,
+     "*EXC* clapi_channel.unlockChannel() chanTok (%p) is not a channel",
+     "EXIT clapi_channel.unlockChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
+};
+
+/* The first failing check wins, is named in one exception record and is named again by the exit record. */
+TEST_F(Channels, EveryArgumentCheckInOrder)
+{
+    Channel* chan = newChannel("CHAN");
+    NotAChannel bogus;
+    TraceCapture trace(3);
+    for (const ArgCase& c : argCases) {
+        SCOPED_TRACE(c.label);
+        trace.clear();
+        EXPECT_EQ(c.call(chan, bogus.token()), c.rc);
+        char excText[200];
+        snprintf(excText, sizeof excText, c.excText, (void*)bogus.token());
+        std::vector<TraceRecord> records = takeRecords(trace);
+        std::vector<std::string> exceptions;
+        for (const TraceRecord& r : records)
+            if (r.type == "*EXC*" && r.id != 3104 && r.id != 3108) exceptions.push_back(r.type + " " + r.message);
+        EXPECT_EQ(exceptions, std::vector<std::string>{excText});
+        bool named = false;
+        for (const TraceRecord& r : records)
+            if (r.type == "*EXC*" && r.id == c.excId) named = true;
+        EXPECT_TRUE(named) << c.excId;
+        ASSERT_FALSE(records.empty());
+        EXPECT_EQ(records.back().type + " " + records.back().message, c.exitText);
+    }
+}
+
+TEST_F(Channels, LockAndUnlockWriteTheirRecords)
+{
+    Channel* chan = newChannel("LOCKED");
+    TraceCapture trace(3);
+    trace.clear();
+    EXPECT_EQ(lockChannel(chan), 0);
+    EXPECT_EQ(chan->isLocked, 1);
+    EXPECT_EQ(unlockChannel(chan), 0);
+    EXPECT_EQ(chan->isLocked, 0);
+    std::vector<std::string> expected = {
+        "ENTRY clapi_channel.lockChannel(chanTok=" + hexPtr(chan) + ")",
+        "EXIT clapi_channel.lockChannel() rc=0 (ECI_NO_ERROR)",
+        "ENTRY clapi_channel.unlockChannel(chanTok=" + hexPtr(chan) + ")",
+        "EXIT clapi_channel.unlockChannel() rc=0 (ECI_NO_ERROR)",
+    };
+    std::vector<std::string> seen;
+    for (const TraceRecord& r : trace.records()) seen.push_back(r.type + " " + r.message);
+    EXPECT_EQ(seen, expected);
+}
+
+/* The lock is not bound to a thread: one thread takes it, another waits to delete, a third releases it. */
+TEST_F(Channels, DeleteWaitsForTheChannelLockFromAnyThread)
+{
+    Channel* chan = newChannel("BUSY");
+    TraceCapture trace(2);
+    std::thread([chan] { EXPECT_EQ(lockChannel(chan), 0); }).join();
+
+    std::atomic<bool> finished{false};
+    Channel* token = chan;
+    std::packaged_task<int()> deletion([&token, &finished] {
+        int rc = ECI_deleteChannel(&token);
+        finished = true;
+        return rc;
+    });
+    std::future<int> deleted = deletion.get_future();
+    std::thread deleter(std::move(deletion));
+
+    ASSERT_TRUE(waitUntil([&trace] { return trace.hasId(1463); }, std::chrono::seconds(5))) << "the deleting thread never waited";
+    EXPECT_EQ(onlyRecord(trace, 1463), "EVENT clapi_channel.lockChannel() Waiting for channel \"BUSY\" (" + hexPtr(chan) + ")");
+    EXPECT_EQ(deleted.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    EXPECT_FALSE(finished);
+    EXPECT_EQ(recordTexts(trace, 1422).size(), 0u);
+
+    std::thread([chan] { EXPECT_EQ(unlockChannel(chan), 0); }).join();
+    ASSERT_EQ(deleted.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    deleter.join();
+    EXPECT_EQ(deleted.get(), 0);
+    EXPECT_EQ(token, nullptr);
+    EXPECT_EQ(onlyRecord(trace, 1468),
+              "EVENT clapi_channel.lockChannel() Finished waiting for channel \"BUSY\" (" + hexPtr(chan) + ")");
+    EXPECT_EQ(onlyRecord(trace, 1422), "EVENT API.ECI_deleteChannel() Deleted channel \"BUSY\" (" + hexPtr(chan) + ")");
+    EXPECT_EQ(chanList, nullptr);
+}
+
+/* Every waiter is woken by one release and exactly one of them takes the channel at a time. */
+TEST_F(Channels, WaitersTakeTheChannelOneAtATime)
+{
+    Channel* chan = newChannel("SHARED");
+    ASSERT_EQ(lockChannel(chan), 0);
+    std::atomic<int> holders{0};
+    std::atomic<int> maxHolders{0};
+    std::atomic<int> done{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 4; i++) {
+        waiters.emplace_back([&] {
+            char name[17];
+            for (int round = 0; round < 50; round++) {
+                EXPECT_EQ(lockChannel(chan), 0);
+                int now = ++holders;
+                int seen = maxHolders.load();
+                while (now > seen && !maxHolders.compare_exchange_weak(seen, now)) {
+                }
+                --holders;
+                EXPECT_EQ(unlockChannel(chan), 0);
+                EXPECT_EQ(ECI_getChannelName(chan, name), 0);
+            }
+            ++done;
+        });
+    }
+    EXPECT_EQ(done.load(), 0);
+    EXPECT_EQ(unlockChannel(chan), 0);
+    ASSERT_TRUE(waitUntil([&done] { return done.load() == 4; })) << done.load() << " of 4 waiters finished";
+    for (std::thread& t : waiters) t.join();
+    EXPECT_EQ(maxHolders.load(), 1);
+}
+
+}  // namespace
