@@ -322,6 +322,7 @@ static void writeBannerIfDue(void)
 
 static void copyTraceFilename(const char* name)
 {
+    if (clientAPITraceFilename == NULL) return;   /* the trace set-up failed to allocate it */
     strncpy(clientAPITraceFilename, name, TRACE_FILENAME_LEN - 1);
     clientAPITraceFilename[TRACE_FILENAME_LEN - 1] = '\0';
 }
@@ -344,21 +345,22 @@ void clapiSetAPITraceLevelFromEnv(void)
 void clapiSetAPITraceFileFromEnv(void)
 {
     const char* value = getenv("ZEP_CLIENT_TRACE_FILE");
-    if (value == NULL) {
-        writeBannerIfDue();
-        return;
-    }
-    if (value[0] == '\0') return;
+    if (value != NULL && value[0] == '\0') return;
     clapiRequestLock(&traceLock);
-    FILE* file = fopen(value, "a");
-    int openErrno = errno;
+    FILE* file = NULL;
+    int openErrno = 0;
+    if (value != NULL) {
+        file = fopen(value, "a");
+        openErrno = errno;
+    }
     if (file != NULL) {
         copyTraceFilename(value);
         clientAPITraceHandle = file;   /* standard error, the stream before, stays open */
         traceHeaderWrite = 0;
-        writeBannerIfDue();
     }
+    writeBannerIfDue();
     clapiReleaseLock(&traceLock);
+    if (value == NULL) return;
     if (file != NULL) {
         TRACE_DEBUG(1072, "clapi_impl.clapiSetAPITraceFileFromEnv() Trace file switched to new destination. Filename=%s\n",
                     clientAPITraceFilename);
@@ -492,16 +494,346 @@ int ZEP_setAPITraceDataOffset(unsigned long dataOffset)
 
 /* ---------------------------------------------------------------- connection entry points */
 
-/* Placeholders so the library links while the connection entry points are written; replaced by their owner. */
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-parameter"
-int ZEP_openRemoteGatewayConnection(const char* hostname, int port, GatewayToken** gwTokPtr, unsigned int connTimeout) { return ZEP_ERR_SYSTEM_ERROR; }
-int ZEP_openRemoteGatewayConnectionApplid(const char* hostname, int port, GatewayToken** gwTokPtr, unsigned int connTimeout, const char* applid, const char* applidQualifier) { return ZEP_ERR_SYSTEM_ERROR; }
-int ZEP_closeGatewayConnection(GatewayToken** gwTokPtr) { return ZEP_ERR_SYSTEM_ERROR; }
-int ZEP_purgeGatewayConnection(GatewayToken** gwTokPtr, unsigned int closeTimeout) { return ZEP_ERR_SYSTEM_ERROR; }
-int ZEP_closeAllGatewayConnections(void) { return ZEP_ERR_SYSTEM_ERROR; }
-int ZEP_getApplid(GatewayToken* gwTok, char** applid) { return ZEP_ERR_SYSTEM_ERROR; }
-int ZEP_getApplidQualifier(GatewayToken* gwTok, char** applidQualifier) { return ZEP_ERR_SYSTEM_ERROR; }
-int ZEP_listSystems(GatewayToken* gwTok, unsigned short* Systems, SystemInfo* List) { return ZEP_ERR_SYSTEM_ERROR; }
-int ZEP_dumpState(void) { return ZEP_ERR_SYSTEM_ERROR; }
-#pragma GCC diagnostic pop
+#include "clapi_gwytok.h"
+#include "clapi_socketcomms.h"
+
+#define APPLID_MAX      8
+#define APPLID_ENV_MAX 16
+
+/* An environment variable that is set, even to an empty value, replaces the argument, cut to 16 characters. */
+static const char* applidFromEnv(const char* variable, char* copy, const char* argument)
+{
+    const char* value = getenv(variable);
+    copy[0] = '\0';
+    if (value == NULL) return argument;
+    strncat(copy, value, APPLID_ENV_MAX);
+    return copy;
+}
+
+/* The argument checks of an open, in argument order; the first failure wins. */
+static int checkOpenArguments(const char* hostname, int port, GatewayToken** gwTokPtr, unsigned int connTimeout,
+                              const char* applid, const char* applidQualifier)
+{
+    if (port < 1 || port > 65535) {
+        TRACE_EXC(1001, "API.ZEP_openRemoteGatewayConnectionApplid() Port value out of range, port=%d\n", port);
+        return ZEP_ERR_BADPORT;
+    }
+    if (gwTokPtr == NULL) {
+        TRACE_EXC(1002, "API.ZEP_openRemoteGatewayConnectionApplid() NULL gateway token pointer, gwTokPtr=%p\n",
+                  (void*)gwTokPtr);
+        return ZEP_ERR_NULLGWTOKPTR;
+    }
+    if (connTimeout > 3600) {
+        TRACE_EXC(1003, "API.ZEP_openRemoteGatewayConnectionApplid() Timeout value out of range, connTimeout=%d\n",
+                  (int)connTimeout);
+        return ZEP_ERR_INVALIDTIMEOUTPARM;
+    }
+    if (hostname == NULL) {
+        TRACE_EXC(1004, "API.ZEP_openRemoteGatewayConnectionApplid() NULL host name, hostname=%p\n", (void*)hostname);
+        return ZEP_ERR_NULLADDRESS;
+    }
+    if (applid == NULL) {
+        TRACE_EXC(1005, "API.ZEP_openRemoteGatewayConnectionApplid() NULL applid, applid=%p\n", (void*)applid);
+        return ZEP_ERR_NULLPARM;
+    }
+    if (applidQualifier == NULL) {
+        TRACE_EXC(1006, "API.ZEP_openRemoteGatewayConnectionApplid() NULL applid qualifier, applidQualifier=%p\n",
+                  (void*)applidQualifier);
+        return ZEP_ERR_NULLPARM;
+    }
+    return 0;
+}
+
+int ZEP_openRemoteGatewayConnectionApplid(const char* hostname, int port, GatewayToken** gwTokPtr,
+                                          unsigned int connTimeout, const char* applid, const char* applidQualifier)
+{
+    int rc = clapiInit();
+    TRACE_ENTRY(1000, "API.ZEP_openRemoteGatewayConnectionApplid(hostname=%s, port=%d, &gwTokPtr=%p, connTimeout=%d, applid=%s, applidQualifier=%s\n",
+                TRACE_STR(hostname), port, (void*)gwTokPtr, (int)connTimeout, TRACE_STR(applid),
+                TRACE_STR(applidQualifier));
+    if (rc == 0) rc = checkOpenArguments(hostname, port, gwTokPtr, connTimeout, applid, applidQualifier);
+    if (rc == 0) {
+        char applidEnv[APPLID_ENV_MAX + 1];
+        char qualifierEnv[APPLID_ENV_MAX + 1];
+        applid = applidFromEnv("ZEP_APPLID", applidEnv, applid);
+        applidQualifier = applidFromEnv("ZEP_APPLIDQUALIFIER", qualifierEnv, applidQualifier);
+        TRACE_DEBUG(1007, "API.ZEP_openRemoteGatewayConnectionApplid() Environment variables: applidEnv=%s and applidQualifierEnv=%s\n",
+                    applidEnv, qualifierEnv);
+        /* Deliberately without an exception record: only the exit record shows it. */
+        if (strlen(applid) > APPLID_MAX || strlen(applidQualifier) > APPLID_MAX)
+            rc = ZEP_ERR_APPLIDTOOLONG;
+        else
+            rc = clapiCreateGatewayToken(gwTokPtr, hostname, port, connTimeout, applid, applidQualifier);
+    }
+    TRACE_EXIT(1008, "API.ZEP_openRemoteGatewayConnectionApplid() rc=%d (%s)\n", rc, clapiGetRcString(rc));
+    return rc;
+}
+
+int ZEP_openRemoteGatewayConnection(const char* hostname, int port, GatewayToken** gwTokPtr, unsigned int connTimeout)
+{
+    return ZEP_openRemoteGatewayConnectionApplid(hostname, port, gwTokPtr, connTimeout, "", "");
+}
+
+/* Close and purge share their checks and work; the texts differ only in the function name and ids. */
+struct CloseTexts {
+    const char* name;
+    int         nullPtrId;
+    int         nullTokId;
+    int         closedId;
+};
+
+/* A purge passes its time limit, checked here; a close waits without limit (-1) and has none to check. */
+static int closeConnection(GatewayToken** gwTokPtr, bool purge, unsigned int closeTimeout, int initRc,
+                           const CloseTexts& t)
+{
+    if (gwTokPtr == NULL) {
+        TRACE_EXC(t.nullPtrId, "API.%s() NULL gateway token pointer, gwTokPtr=%p\n", t.name, (void*)gwTokPtr);
+        return ZEP_ERR_NULLGWTOKPTR;
+    }
+    if (*gwTokPtr == NULL) {
+        TRACE_EXC(t.nullTokId, "API.%s() NULL gateway token, *gwTokPtr=%p\n", t.name, (void*)*gwTokPtr);
+        return ZEP_ERR_NULLGWTOK;
+    }
+    if (purge && closeTimeout > 3600) {
+        TRACE_EXC(1083, "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=%d\n",
+                  (int)closeTimeout);
+        return ZEP_ERR_INVALIDTIMEOUTPARM;
+    }
+    if (initRc != 0) return initRc;
+    int rc = clapiCloseGatewayToken(*gwTokPtr, 1);
+    if (rc == 0) {
+        rc = clapiDeleteGatewayToken(gwTokPtr, purge ? (int)closeTimeout : -1, 1);
+        TRACE_EVENT(t.closedId, "API.%s() Closed Gateway connection for token %p\n", t.name, (void*)gwTokPtr);
+    }
+    return rc;
+}
+
+int ZEP_closeGatewayConnection(GatewayToken** gwTokPtr)
+{
+    int rc = clapiInit();
+    TRACE_ENTRY(1009, "API.ZEP_closeGatewayConnection(gwTokPtr=%p)\n", (void*)gwTokPtr);
+    static const CloseTexts texts = {"ZEP_closeGatewayConnection", 1010, 1011, 1012};
+    rc = closeConnection(gwTokPtr, false, 0, rc, texts);
+    TRACE_EXIT(1013, "API.ZEP_closeGatewayConnection(gwTokPtr=%p) rc=%d (%s)\n", (void*)gwTokPtr, rc,
+               clapiGetRcString(rc));
+    return rc;
+}
+
+int ZEP_purgeGatewayConnection(GatewayToken** gwTokPtr, unsigned int closeTimeout)
+{
+    int rc = clapiInit();
+    TRACE_ENTRY(1080, "API.ZEP_purgeGatewayConnection(gwTokPtr=%p, closeTimeout=%d)\n", (void*)gwTokPtr,
+                (int)closeTimeout);
+    static const CloseTexts texts = {"ZEP_purgeGatewayConnection", 1081, 1082, 1084};
+    rc = closeConnection(gwTokPtr, true, closeTimeout, rc, texts);
+    TRACE_EXIT(1085, "API.ZEP_purgeGatewayConnection(gwTokPtr=%p) rc=%d (%s)\n", (void*)gwTokPtr, rc,
+               clapiGetRcString(rc));
+    return rc;
+}
+
+int ZEP_closeAllGatewayConnections(void)
+{
+    int rc = clapiInit();
+    TRACE_ENTRY(1014, "API.ZEP_closeAllGatewayConnections()\n");
+    if (rc == 0) {
+        rc = clapiDeleteGatewayTokens();
+        TRACE_EVENT(1015, "API.ZEP_closeAllGatewayConnections() Closed all Gateway connections\n");
+    }
+    TRACE_EXIT(1016, "API.ZEP_closeAllGatewayConnections() rc=%d (%s)\n", rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* The APPLID and qualifier queries differ only in their texts, ids and the field they hand out. */
+struct TextQuery {
+    const char* name;
+    const char* outName;
+    int         entryId;
+    int         nullTokId;
+    int         nullPtrId;
+    int         exitId;
+};
+
+static int queryTokenText(GatewayToken* gwTok, char** out, bool qualifier, const TextQuery& q)
+{
+    int rc = clapiInit();
+    TRACE_ENTRY(q.entryId, "API.%s(gwTok=%p, %s=%p)\n", q.name, (void*)gwTok, q.outName, (void*)out);
+    if (rc == 0 && gwTok == NULL) {
+        TRACE_EXC(q.nullTokId, "API.%s() NULL gateway token, gwTok=%p\n", q.name, (void*)gwTok);
+        rc = ZEP_ERR_NULLGWTOK;
+    } else if (rc == 0 && out == NULL) {
+        TRACE_EXC(q.nullPtrId, "API.%s() Supplied pointer is NULL, %s=%p\n", q.name, q.outName, (void*)out);
+        rc = ZEP_ERR_NULLPTR;
+    } else if (rc == 0 && (rc = clapiRegisterRequest(gwTok)) == 0) {
+        /* The token's own field, valid while the connection exists. */
+        *out = qualifier ? gwTok->applidQual : gwTok->applid;
+        rc = clapiUnregisterRequest(gwTok);
+    }
+    TRACE_EXIT(q.exitId, "API.%s() rc=%d (%s)\n", q.name, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+int ZEP_getApplid(GatewayToken* gwTok, char** applid)
+{
+    static const TextQuery query = {"ZEP_getApplid", "applid", 1054, 1055, 1056, 1057};
+    return queryTokenText(gwTok, applid, false, query);
+}
+
+int ZEP_getApplidQualifier(GatewayToken* gwTok, char** applidQualifier)
+{
+    static const TextQuery query = {"ZEP_getApplidQualifier", "applidQualifier", 1058, 1059, 1060, 1061};
+    return queryTokenText(gwTok, applidQualifier, true, query);
+}
+
+/* The code for a request on a connection that is not open: lost, or closed in any other way. */
+static int notOpenRc(int32_t status)
+{
+    return status == CONN_LOST ? ZEP_ERR_LOSTGWCON : ZEP_ERR_GATEWAY_CLOSED;
+}
+
+/*
+ * Reserves a slot for the system list and arms it, in one table lock hold, so that the receiver's sweep at
+ * the end of a connection either sees the request waiting or sees no open connection here.
+ */
+static int reserveSystemsSlot(GatewayToken* gwTok, unsigned short capacity, SystemInfo* list, RequestSlot** slotPtr)
+{
+    *slotPtr = NULL;
+    if (clapiRequestLock(&gwTok->tableLock) != 0) {
+        TRACE_EXC(1021, "API.ZEP_listSystems() Failed to lock slot table\n");
+        return ZEP_ERR_SYSTEM_ERROR;
+    }
+    int32_t status = __atomic_load_n(&gwTok->connStatus, __ATOMIC_RELAXED);
+    int rc = status == CONN_OPEN ? slotFind(gwTok->requestTable, 0, slotPtr) : notOpenRc(status);
+    RequestSlot* slot = *slotPtr;
+    if (rc == 0) {
+        slot->request.eci_commarea = list;
+        slot->replyAreaLength = (uint32_t)capacity * sizeof(SystemInfo);
+        slot->flowRc = 0;
+        slot->replyRc = 0;
+        if (clapiSetEvent(&slot->event) != 0) {
+            TRACE_EXC(1023, "API.ZEP_listSystems() Failed to set request event\n");
+            rc = ZEP_ERR_SYSTEM_ERROR;
+        } else {
+            slot->slotState = SLOT_SENT;
+        }
+    }
+    if (clapiReleaseLock(&gwTok->tableLock) != 0) {
+        TRACE_EXC(1022, "API.ZEP_listSystems() Failed to unlock slot table\n");
+        if (rc == 0) rc = ZEP_ERR_SYSTEM_ERROR;
+    }
+    return rc;
+}
+
+static int sendSystemsRequest(GatewayToken* gwTok, RequestSlot* slot, unsigned short capacity, SystemInfo* list)
+{
+    FlowHeader header;
+    memset(&header, 0, sizeof header);
+    header.eyecatcher = FLOW_EYECATCHER;
+    header.version = FLOW_VERSION;
+    header.flowType = FLOW_REQUEST;
+    header.messageId = slot->slotNumber;
+    header.requestTypeLength = (int32_t)strlen(ECI_REQUEST_NAME);
+    strcpy(header.requestType, ECI_REQUEST_NAME);
+    EciRequest request;
+    memset(&request, 0, sizeof request);
+    request.requestKind = ECI_KIND_SYSTEMS;
+    request.replyToken = capacity;
+    request.commarea = list;
+    request.optionalMarker = -1;
+    request.correlator = (int32_t)getNextCorrelator();
+    if (clapiRequestLock(&gwTok->sendLock) != 0) {
+        TRACE_EXC(1024, "API.ZEP_listSystems() Failed to acquire send lock\n");
+        return ZEP_ERR_SYSTEM_ERROR;
+    }
+    int rc = clapiFlowECIRequest(gwTok->socket, &header, &request);
+    if (clapiReleaseLock(&gwTok->sendLock) != 0) TRACE_EXC(1025, "API.ZEP_listSystems() Failed to release send lock\n");
+    return rc;
+}
+
+/* Clears trailing blanks and NULs from the 9th byte of the name back to the 2nd; the 1st always stays. */
+static void trimSystemName(SystemInfo* entry)
+{
+    for (int i = (int)sizeof entry->name - 1; i > 0; i--) {
+        if (entry->name[i] != ' ' && entry->name[i] != '\0') break;
+        entry->name[i] = '\0';
+    }
+}
+
+static int collectSystems(RequestSlot* slot, unsigned short* Systems, SystemInfo* List)
+{
+    if (clapiWaitEvent(&slot->event) != 0) return ZEP_ERR_SYSTEM_ERROR;
+    if (slot->flowRc != 0) return slot->flowRc;
+    int32_t count = slot->request.eci_luw_token;   /* the entry count of the reply */
+    if (count < 0) count = 0;
+    if (count > *Systems) count = *Systems;
+    *Systems = (unsigned short)count;
+    for (int32_t i = 0; i < count; i++) trimSystemName(&List[i]);
+    return slot->replyRc;
+}
+
+static int releaseSystemsSlot(GatewayToken* gwTok, RequestSlot* slot)
+{
+    if (clapiRequestLock(&gwTok->tableLock) != 0) {
+        TRACE_EXC(1026, "API.ZEP_listSystems() Failed to lock slot table to free slot\n");
+        return ZEP_ERR_SYSTEM_ERROR;
+    }
+    slotFree(gwTok->requestTable, slot);
+    if (clapiReleaseLock(&gwTok->tableLock) != 0) {
+        TRACE_EXC(1027, "API.ZEP_listSystems() Failed to unlock slot table after freeing slot\n");
+        return ZEP_ERR_SYSTEM_ERROR;
+    }
+    return 0;
+}
+
+// The token is registered on entry.
+static int listSystemsRegistered(GatewayToken* gwTok, unsigned short* Systems, SystemInfo* List)
+{
+    if (Systems == NULL) {
+        TRACE_EXC(1019, "API.ZEP_listSystems() NULL Systems Parameter, Systems=%p\n", (void*)Systems);
+        return ZEP_ERR_NULLPTR;
+    }
+    if (List == NULL) {
+        TRACE_EXC(1020, "API.ZEP_listSystems() NULL List Parameter, List=%p\n", (void*)List);
+        return ZEP_ERR_NULLPTR;
+    }
+    RequestSlot* slot;
+    int rc = reserveSystemsSlot(gwTok, *Systems, List, &slot);
+    if (rc == 0) rc = sendSystemsRequest(gwTok, slot, *Systems, List);
+    if (rc == 0) rc = collectSystems(slot, Systems, List);
+    if (slot != NULL && releaseSystemsSlot(gwTok, slot) != 0) rc = ZEP_ERR_SYSTEM_ERROR;
+    return rc;
+}
+
+int ZEP_listSystems(GatewayToken* gwTok, unsigned short* Systems, SystemInfo* List)
+{
+    int rc = clapiInit();
+    TRACE_ENTRY(1017, "API.ZEP_listSystems(gwTok=%p, Systems=%p, List=%p)\n", (void*)gwTok, (void*)Systems,
+                (void*)List);
+    if (rc == 0 && gwTok == NULL) {
+        TRACE_EXC(1018, "API.ZEP_listSystems() NULL gateway token, gwTok=%p\n", (void*)gwTok);
+        rc = ZEP_ERR_NULLGWTOK;
+    } else if (rc == 0 && (rc = clapiRegisterRequest(gwTok)) == 0) {
+        rc = listSystemsRegistered(gwTok, Systems, List);
+        if (clapiUnregisterRequest(gwTok) != 0) {
+            TRACE_EXC(1080, "API.ZEP_listSystems() Unregister request failed\n");
+            if (rc == 0) rc = ZEP_ERR_SYSTEM_ERROR;
+        }
+    }
+    TRACE_EXIT(1028, "API.ZEP_listSystems() rc=%d (%s)\n", rc, clapiGetRcString(rc));
+    return rc;
+}
+
+int ZEP_dumpState(void)
+{
+    int rc = clapiInit();
+    TRACE_ENTRY(1046, "API.ZEP_dumpState()\n");
+    if (rc == 0) {
+        /* Written at any trace level, without the record prefix. */
+        fprintf(clientAPITraceHandle, "zepclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n",
+                cldllVersion, (int)TRACE_LEVEL(), clientAPITraceFilename);
+        fflush(clientAPITraceHandle);
+        clapiDumpGatewayTokens();
+        ZEP_ECI_dumpChannels();
+    }
+    TRACE_EXIT(1047, "API.ZEP_dumpState() rc=%d (%s)\n", rc, clapiGetRcString(rc));
+    return rc;
+}

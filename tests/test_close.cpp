@@ -1,0 +1,278 @@
+// Closing, purging and closing all connections: argument checks, what waiting calls get, time limits,
+// the token list afterwards, and that many cycles leave nothing behind.
+#include <dirent.h>
+
+#include <memory>
+#include <vector>
+
+#include "conn_test_support.h"
+#include "trace_capture.h"
+
+using namespace conntest;
+
+namespace {
+
+class Close : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(gw.start()); }
+
+    GatewayToken* open(const char* applid = "")
+    {
+        GatewayToken* tok = nullptr;
+        EXPECT_EQ(0, openGateway(gw, &tok, applid));
+        return tok;
+    }
+
+    ZepgwProcess gw;
+};
+
+struct CloseArgsCase {
+    const char* what;
+    bool purge;
+    bool nullPtr;
+    unsigned int closeTimeout;
+    int rc;
+    int id;
+    const char* message;
+};
+
+void PrintTo(const CloseArgsCase& c, std::ostream* os)
+{
+    *os << c.what;
+}
+
+const CloseArgsCase closeArgsCases[] = {
+    {"close NULL pointer", false, true, 0, ZEP_ERR_NULLGWTOKPTR, 1010,
+     "API.ZEP_closeGatewayConnection() NULL gateway token pointer, gwTokPtr=(nil)"},
+    {"close NULL token", false, false, 0, ZEP_ERR_NULLGWTOK, 1011,
+     "API.ZEP_closeGatewayConnection() NULL gateway token, *gwTokPtr=(nil)"},
+    {"purge NULL pointer before time-out", true, true, 5000, ZEP_ERR_NULLGWTOKPTR, 1081,
+     "API.ZEP_purgeGatewayConnection() NULL gateway token pointer, gwTokPtr=(nil)"},
+    {"purge NULL token before time-out", true, false, 5000, ZEP_ERR_NULLGWTOK, 1082,
+     "API.ZEP_purgeGatewayConnection() NULL gateway token, *gwTokPtr=(nil)"},
+};
+
+class CloseArgs : public ::testing::TestWithParam<CloseArgsCase> {};
+
+TEST_P(CloseArgs, NullsAreRefusedFirst)
+{
+    const CloseArgsCase& c = GetParam();
+    TraceCapture trace(1);
+    GatewayToken* tok = nullptr;
+    GatewayToken** tokPtr = c.nullPtr ? nullptr : &tok;
+    EXPECT_EQ(c.rc, c.purge ? ZEP_purgeGatewayConnection(tokPtr, c.closeTimeout) : ZEP_closeGatewayConnection(tokPtr));
+    auto records = trace.records();
+    ASSERT_EQ(1u, records.size()) << trace.text();
+    EXPECT_EQ(c.id, records[0].id);
+    EXPECT_EQ(c.message, records[0].message);
+}
+
+INSTANTIATE_TEST_SUITE_P(Close, CloseArgs, ::testing::ValuesIn(closeArgsCases),
+                         [](const ::testing::TestParamInfo<CloseArgsCase>& info) {
+                             return "case" + std::to_string(info.index);
+                         });
+
+TEST_F(Close, PurgeTimeLimitAbove3600ComparedUnsigned)
+{
+    GatewayToken* tok = open();
+    TraceCapture trace(1);
+    EXPECT_EQ(ZEP_ERR_INVALIDTIMEOUTPARM, ZEP_purgeGatewayConnection(&tok, 3601));
+    EXPECT_EQ(ZEP_ERR_INVALIDTIMEOUTPARM, ZEP_purgeGatewayConnection(&tok, static_cast<unsigned int>(-1)));
+    EXPECT_TRUE(trace.has(1083, "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=3601"));
+    EXPECT_TRUE(trace.has(1083, "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=-1"));
+    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 3600));
+    EXPECT_EQ(nullptr, tok);
+}
+
+TEST_F(Close, CloseSendsTheCloseFlowAndFreesTheToken)
+{
+    GatewayToken* tok = open();
+    GatewayToken* stale = tok;
+    TraceCapture trace(3);
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
+    EXPECT_EQ(nullptr, tok);
+    EXPECT_EQ(0, listedTokens());
+    std::string address = pointerText(stale);
+    EXPECT_TRUE(trace.has(2015, "clapi_gwytok.clapiCloseGatewayToken(gwTokPtr=" + address + ", lockRequired=TRUE)"));
+    EXPECT_TRUE(trace.has(3015, "clapi_gwycon.clapiCloseConnection(conn=" + address + ")"));
+    EXPECT_TRUE(trace.has(3020, "clapi_gwycon.clapiCloseConnection() rc=0"));
+    EXPECT_TRUE(trace.has(3042, "clapi_gwycon.receiverThread() Connection closed, initiated by API; closeRc=-140 "
+                                "(ZEP_ERR_GWTOK_CLOSED)"))
+        << trace.text();
+    EXPECT_TRUE(trace.has(1012, "API.ZEP_closeGatewayConnection() Closed Gateway connection for token " +
+                                    pointerText(&tok)));
+    EXPECT_TRUE(trace.has(2079, "clapi_gwytok.quiesceConnection() rc=0"));
+}
+
+TEST_F(Close, StaleTokenIsRefusedEverywhere)
+{
+    GatewayToken* tok = open();
+    GatewayToken* stale = tok;
+    ASSERT_EQ(0, ZEP_closeGatewayConnection(&tok));
+    char* text = nullptr;
+    unsigned short count = 1;
+    SystemInfo list[1];
+    char area[8] = {0};
+    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_closeGatewayConnection(&stale));
+    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_purgeGatewayConnection(&stale, 0));
+    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_getApplid(stale, &text));
+    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_getApplidQualifier(stale, &text));
+    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_listSystems(stale, &count, list));
+    EXPECT_EQ(ZEP_ERR_BADGWTOK, callProgram(stale, "ECHO", area, sizeof area));
+    EXPECT_NE(nullptr, stale) << "a refused close leaves the variable alone";
+}
+
+TEST_F(Close, PurgeWhileACallHangsEndsAfterItsTimeLimit)
+{
+    GatewayToken* tok = open();
+    BackgroundCall hanging(tok, "HANG");
+    ASSERT_TRUE(pollUntil([&] { return slotsInState(tok, SLOT_SENT) == 1; }));
+    TraceCapture trace(2);
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 2));
+    double elapsed = secondsSince(start);
+    EXPECT_GE(elapsed, 1.9);
+    EXPECT_LT(elapsed, 10.0);
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging.result());
+    EXPECT_EQ(nullptr, tok);
+    EXPECT_TRUE(trace.has(2071, "clapi_gwytok.quiesceConnection() Waiting 2 seconds for 1 API calls and 0 async "
+                                "requests to complete"))
+        << trace.text();
+}
+
+TEST_F(Close, PurgeReturnsAsSoonAsTheWorkEnds)
+{
+    GatewayToken* tok = open();
+    BackgroundCall delayed(tok, "DELAY", "300");
+    ASSERT_TRUE(pollUntil([&] { return slotsInState(tok, SLOT_SENT) == 1; }));
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 60));
+    EXPECT_LT(secondsSince(start), 10.0);
+    EXPECT_EQ(0, delayed.result());
+    EXPECT_EQ(0, memcmp(delayed.area(), "300", 3));
+}
+
+TEST_F(Close, SecondCloseWhileTheFirstRunsIsRefused)
+{
+    GatewayToken* tok = open();
+    GatewayToken* copy = tok;
+    BackgroundCall hanging(tok, "HANG");
+    ASSERT_TRUE(pollUntil([&] { return slotsInState(tok, SLOT_SENT) == 1; }));
+    auto purge = std::async(std::launch::async, [&] { return ZEP_purgeGatewayConnection(&tok, 1); });
+    ASSERT_TRUE(pollUntil([&] { return __atomic_load_n(&copy->closing, __ATOMIC_RELAXED) != 0; }));
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, ZEP_closeGatewayConnection(&copy));
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, ZEP_purgeGatewayConnection(&copy, 0));
+    ASSERT_EQ(std::future_status::ready, purge.wait_for(std::chrono::seconds(20)));
+    EXPECT_EQ(0, purge.get());
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging.result());
+}
+
+TEST_F(Close, CloseAfterTheGatewayWentAwaySendsNothing)
+{
+    GatewayToken* tok = open();
+    ASSERT_TRUE(gw.stop());
+    ASSERT_TRUE(pollUntil([&] { return connStatusOf(tok) != CONN_OPEN; }));
+    TraceCapture trace(3);
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
+    EXPECT_FALSE(trace.hasId(3015)) << "no close flow on an ended connection";
+    EXPECT_EQ(0, listedTokens());
+}
+
+TEST_F(Close, CloseAllClosesEveryTokenWithoutWaiting)
+{
+    GatewayToken* first = open();
+    GatewayToken* second = open();
+    GatewayToken* third = open();
+    BackgroundCall hanging(second, "HANG");
+    ASSERT_TRUE(pollUntil([&] { return slotsInState(second, SLOT_SENT) == 1; }));
+    TraceCapture trace(3);
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(0, ZEP_closeAllGatewayConnections());
+    EXPECT_LT(secondsSince(start), 5.0);
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging.result());
+    EXPECT_EQ(0, listedTokens());
+    auto closes = trace.find(2015);
+    ASSERT_EQ(3u, closes.size());
+    std::vector<GatewayToken*> order = {first, second, third};
+    for (size_t i = 0; i < order.size(); i++)
+        EXPECT_EQ("clapi_gwytok.clapiCloseGatewayToken(gwTokPtr=" + pointerText(order[i]) + ", lockRequired=FALSE)",
+                  closes[i].message);
+    EXPECT_TRUE(trace.has(2037, "clapi_gwytok.clapiDeleteGatewayTokens() Entries deleted=3, rc=0"));
+    EXPECT_TRUE(trace.has(1015, "API.ZEP_closeAllGatewayConnections() Closed all Gateway connections"));
+    char* text = nullptr;
+    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_getApplid(first, &text));
+}
+
+TEST_F(Close, UncollectedAsynchronousRepliesAreAbandoned)
+{
+    GatewayToken* tok = open();
+    char area[32] = "never collected";
+    EciParms parms;
+    memset(&parms, 0, sizeof parms);
+    parms.eci_call_type = ECI_ASYNC;
+    parms.eci_version = 6;
+    memcpy(parms.eci_program_name, "ECHO    ", 8);
+    parms.eci_commarea = area;
+    parms.eci_commarea_length = sizeof area;
+    for (int i = 0; i < 2; i++) ASSERT_EQ(0, ZEP_ECI_Execute(tok, &parms));
+    ASSERT_TRUE(pollUntil([&] { return slotsInState(tok, SLOT_REPLIED) == 2; }));
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 1));
+    EXPECT_LT(secondsSince(start), 5.0);
+    EXPECT_EQ(nullptr, tok);
+}
+
+TEST_F(Close, CloseAllOnAnEmptyList)
+{
+    TraceCapture trace(2);
+    EXPECT_EQ(0, ZEP_closeAllGatewayConnections());
+    EXPECT_TRUE(trace.has(2036, "clapi_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY"));
+}
+
+TEST_F(Close, OtherConnectionsStayUsableWhileOneQuiesces)
+{
+    GatewayToken* busy = open();
+    GatewayToken* other = open();
+    BackgroundCall hanging(busy, "HANG");
+    ASSERT_TRUE(pollUntil([&] { return slotsInState(busy, SLOT_SENT) == 1; }));
+    auto purge = std::async(std::launch::async, [&] { return ZEP_purgeGatewayConnection(&busy, 1); });
+    ASSERT_TRUE(pollUntil([&] { return __atomic_load_n(&busy->closing, __ATOMIC_RELAXED) != 0; }));
+    char area[8] = "abc";
+    EXPECT_EQ(0, callProgram(other, "UPPER", area, 3));
+    EXPECT_EQ(0, memcmp(area, "ABC", 3));
+    GatewayToken* late = open();
+    EXPECT_NE(nullptr, late);
+    ASSERT_EQ(std::future_status::ready, purge.wait_for(std::chrono::seconds(20)));
+    EXPECT_EQ(0, purge.get());
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging.result());
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&other));
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&late));
+}
+
+int openDescriptors()
+{
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (readdir(dir) != nullptr) count++;
+    closedir(dir);
+    return count;
+}
+
+TEST_F(Close, HundredCyclesLeaveNothingBehind)
+{
+    int before = openDescriptors();
+    for (int i = 0; i < 100; i++) {
+        GatewayToken* tok = nullptr;
+        ASSERT_EQ(0, openGateway(gw, &tok)) << i;
+        char area[8] = "cycle";
+        ASSERT_EQ(0, callProgram(tok, "ECHO", area, 5)) << i;
+        ASSERT_EQ(0, ZEP_closeGatewayConnection(&tok)) << i;
+        ASSERT_EQ(nullptr, tok);
+    }
+    EXPECT_EQ(0, listedTokens());
+    /* The last receiver closes its socket just before it signals its end. */
+    EXPECT_TRUE(pollUntil([&] { return openDescriptors() == before; })) << openDescriptors() << " vs " << before;
+}
+
+}  // namespace

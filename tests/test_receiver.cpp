@@ -1,0 +1,196 @@
+// The receiver thread against zepgw: replies reach their requests, per-request failures stay with their
+// request, and every way a connection ends fails each waiting request with the right code.
+#include "conn_test_support.h"
+#include "trace_capture.h"
+
+using namespace conntest;
+
+namespace {
+
+class Receiver : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(gw.start()); }
+
+    void TearDown() override
+    {
+        if (tok != nullptr) {
+            EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 1));
+        }
+    }
+
+    void open(const char* applid = "") { ASSERT_EQ(0, openGateway(gw, &tok, applid)); }
+
+    // Waits until `count` requests are sent and await their replies.
+    void awaitWaiting(int count) { ASSERT_TRUE(pollUntil([&] { return slotsInState(tok, SLOT_SENT) == count; })); }
+
+    ZepgwProcess gw;
+    GatewayToken* tok = nullptr;
+};
+
+TEST_F(Receiver, ReplyLandsInTheCallersCommarea)
+{
+    open();
+    char area[32] = "hello";
+    EXPECT_EQ(0, callProgram(tok, "REVERSE", area, 5));
+    EXPECT_EQ(0, memcmp(area, "olleh", 5));
+    EXPECT_EQ(0, slotsInState(tok, SLOT_SENT) + slotsInState(tok, SLOT_REPLIED));
+}
+
+TEST_F(Receiver, PingBeforeEveryReplyChangesNothing)
+{
+    open("PINGY");
+    TraceCapture trace(4);
+    for (int i = 0; i < 3; i++) {
+        char area[16] = "ping";
+        EXPECT_EQ(0, callProgram(tok, "UPPER", area, 4));
+        EXPECT_EQ(0, memcmp(area, "PING", 4));
+    }
+    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
+    EXPECT_EQ(3u, trace.find(3033).size());
+    EXPECT_TRUE(trace.has(3033, "clapi_gwycon.receiverThread() Flow type is FLOW_PING"));
+}
+
+TEST_F(Receiver, ExceptionFailsOneRequestAndTheConnectionGoesOn)
+{
+    open();
+    TraceCapture trace(1);
+    char area[16] = {0};
+    EXPECT_EQ(ZEP_ERR_GATEWAY_EXCEPTION, callProgram(tok, "FEXCEPT", area, sizeof area));
+    EXPECT_TRUE(trace.has(3037, "clapi_gwycon.receiverThread() Gateway returned a flow type of FLOW_EXCEPTION"));
+    EXPECT_TRUE(trace.has(3046, "clapi_gwycon.receiverThread() Exception message: zepgw exception for program FEXCEPT"))
+        << trace.text();
+    char echo[8] = "again";
+    EXPECT_EQ(0, callProgram(tok, "ECHO", echo, 5));
+    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
+}
+
+struct ErrorFlowCase {
+    const char* commarea;
+    int rc;
+};
+
+void PrintTo(const ErrorFlowCase& c, std::ostream* os)
+{
+    *os << '"' << c.commarea << '"';
+}
+
+class ErrorFlows : public Receiver, public ::testing::WithParamInterface<ErrorFlowCase> {};
+
+TEST_P(ErrorFlows, ErrorFlowFailsOneRequestWithItsCode)
+{
+    open();
+    TraceCapture trace(1);
+    char area[16] = {0};
+    strcpy(area, GetParam().commarea);
+    EXPECT_EQ(GetParam().rc, callProgram(tok, "FERROR", area, sizeof area));
+    EXPECT_EQ(1u, trace.find(3036).size()) << trace.text();
+    char echo[8] = "more";
+    EXPECT_EQ(0, callProgram(tok, "ECHO", echo, 4));
+    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
+}
+
+INSTANTIATE_TEST_SUITE_P(Receiver, ErrorFlows,
+                         ::testing::Values(ErrorFlowCase{"", ZEP_ERR_WORK_WAS_REFUSED},
+                                           ErrorFlowCase{"61451", ZEP_ERR_INVALID_REQUEST_TYPE},
+                                           ErrorFlowCase{"-22", ECI_ERR_UNKNOWN_SERVER}),
+                         [](const ::testing::TestParamInfo<ErrorFlowCase>& info) {
+                             return "code" + std::to_string(info.index);
+                         });
+
+// Faults that end the whole connection, and what each waiting request then gets.
+struct EndingFault {
+    const char* program;
+    int rc;          // for the faulty request and every other waiting one
+    int connStatus;
+};
+
+void PrintTo(const EndingFault& c, std::ostream* os)
+{
+    *os << c.program;
+}
+
+class EndingFaults : public Receiver, public ::testing::WithParamInterface<EndingFault> {};
+
+TEST_P(EndingFaults, EveryWaitingRequestFails)
+{
+    const EndingFault& c = GetParam();
+    open();
+    BackgroundCall first(tok, "HANG");
+    BackgroundCall second(tok, "HANG");
+    awaitWaiting(2);
+    BackgroundCall faulty(tok, c.program);
+    EXPECT_EQ(c.rc, faulty.result());
+    EXPECT_EQ(c.rc, first.result());
+    EXPECT_EQ(c.rc, second.result());
+    EXPECT_EQ(c.connStatus, connStatusOf(tok));
+    char area[8] = "late";
+    EXPECT_NE(0, callProgram(tok, "ECHO", area, 4)) << "no request is sent on an ended connection";
+}
+
+const EndingFault endingFaults[] = {
+    {"STRAY", ZEP_ERR_LOSTGWCON, CONN_LOST},
+    {"BADEYE", ZEP_ERR_LOSTGWCON, CONN_LOST},
+    {"DROP", ZEP_ERR_LOSTGWCON, CONN_LOST},
+    {"DROPMID", ZEP_ERR_LOSTGWCON, CONN_LOST},
+    {"GWCLOSE", ZEP_ERR_GATEWAY_CLOSED, CONN_CLOSED},
+};
+
+INSTANTIATE_TEST_SUITE_P(Receiver, EndingFaults, ::testing::ValuesIn(endingFaults),
+                         [](const ::testing::TestParamInfo<EndingFault>& info) { return info.param.program; });
+
+TEST_F(Receiver, ReplyForAFreeSlotIsTracedAndEndsTheConnection)
+{
+    open();
+    TraceCapture trace(2);
+    BackgroundCall waiting(tok, "HANG");
+    awaitWaiting(1);
+    BackgroundCall stray(tok, "STRAY");
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, stray.result());
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, waiting.result());
+    EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, __atomic_load_n(&tok->connRc, __ATOMIC_RELAXED));
+    EXPECT_TRUE(trace.has(2062, "clapi_gwytok.slotLookup() Failed to find slot 1002 for request")) << trace.text();
+}
+
+TEST_F(Receiver, GatewayCloseIsTracedAsGateway)
+{
+    open();
+    TraceCapture trace(2);
+    BackgroundCall closing(tok, "GWCLOSE");
+    EXPECT_EQ(ZEP_ERR_GATEWAY_CLOSED, closing.result());
+    EXPECT_TRUE(trace.has(3042, "clapi_gwycon.receiverThread() Connection closed, initiated by Gateway; closeRc=61444 "
+                                "(ZEP_ERR_GATEWAY_CLOSED)"))
+        << trace.text();
+}
+
+TEST_F(Receiver, AsynchronousReplyIsQueuedForCollection)
+{
+    open();
+    char area[16] = "async";
+    EciParms parms;
+    memset(&parms, 0, sizeof parms);
+    parms.eci_call_type = ECI_ASYNC;
+    parms.eci_version = 6;
+    memcpy(parms.eci_program_name, "UPPER   ", 8);
+    parms.eci_commarea = area;
+    parms.eci_commarea_length = 5;
+    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &parms));
+    uint32_t qualifier = parms.eci_message_qualifier;
+    ASSERT_TRUE(pollUntil([&] {
+        ClapiLockGuard guard(&tok->tableLock);
+        return tok->asyncReplyHead != nullptr;
+    }));
+    {
+        ClapiLockGuard guard(&tok->tableLock);
+        EXPECT_EQ(static_cast<int32_t>(qualifier), tok->asyncReplyHead->slotNumber);
+        EXPECT_EQ(tok->asyncReplyHead, tok->asyncReplyTail);
+        EXPECT_EQ(SLOT_REPLIED, tok->asyncReplyHead->slotState);
+        EXPECT_EQ(1u, tok->asyncReplyEvent.flag);
+        EXPECT_EQ(1u, tok->asyncReplyHead->event.flag);
+    }
+    memset(area, 0, sizeof area);
+    parms.eci_call_type = ECI_GET_REPLY_WAIT;
+    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms));
+    EXPECT_EQ(0, memcmp(area, "ASYNC", 5));
+}
+
+}  // namespace
