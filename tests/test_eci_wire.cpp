@@ -1,0 +1,468 @@
+/* ECI requests and replies, byte for byte over a socket pair. */
+#include "wire_test_support.h"
+
+#include <thread>
+
+namespace {
+
+FlowHeader eciHeader(int32_t messageId)
+{
+    return requestHeader(messageId, ECI_REQUEST_NAME);
+}
+
+/* A synchronous program call with a COMMAREA of `length` bytes 0, 1, 2, ... */
+struct ProgramCall {
+    explicit ProgramCall(int32_t length) : commarea((size_t)length)
+    {
+        for (size_t i = 0; i < commarea.size(); i++) commarea[i] = (uint8_t)i;
+        memset(&request, 0, sizeof request);
+        request.requestKind = ECI_KIND_PROGRAM;
+        memcpy(request.systemName, "SYS1\0\0\0\0", 8);
+        request.userid = "USER1";
+        request.password = "pw";
+        memcpy(request.programName, "PROG1   ", 8);
+        memcpy(request.transid, "TRN1", 4);
+        request.commareaLength = length;
+        request.commarea = commarea.data();
+        request.timeout = 30;
+        request.optionalMarker = -1;
+        request.correlator = 5;
+    }
+    Bytes commarea;
+    EciRequest request;
+};
+
+/* Sends the request and returns the payload that went over, after checking the header. */
+Bytes sentPayload(EciRequest* request, int32_t messageId = 3)
+{
+    SocketPair pair;
+    FlowHeader header = eciHeader(messageId);
+    int32_t size = calculateECIRequestSize(request);
+    Bytes wire;
+    std::thread reader([&] { wire = pair.take(32 + (size_t)(size > 0 ? size : 0)); });
+    EXPECT_EQ(0, clapiFlowECIRequest(pair.lib, &header, request));
+    reader.join();
+    EXPECT_EQ(size, header.payloadLength);
+    EXPECT_TRUE(pair.drain().empty()) << "more bytes than the size announced";
+    if (wire.size() < 32) return Bytes();
+    EXPECT_EQ(hex(Wire().header(1, messageId, "ECI", size).b), hex(Bytes(wire.begin(), wire.begin() + 32)));
+    return Bytes(wire.begin() + 32, wire.end());
+}
+
+/* Fields 1 to 14 of a program call with the ProgramCall defaults. */
+Wire programCallHead(int32_t kind = 1, int32_t extendMode = 0)
+{
+    Wire w;
+    w.i32(kind).i32(extendMode).i32(0).i32(0).u8(0).i32(8).field("SYS1", 8).field("USER1", 16);
+    w.i32(2).raw(scrambled("pw")).text("PROG1   ").text("TRN1").i32(0);
+    return w;
+}
+
+Wire& trailer(Wire& w, int32_t timeout = 30, int32_t correlator = 5)
+{
+    return w.i16(timeout).u8(0).i32(-1).i32(correlator);
+}
+
+TEST(EciRequestFlow, HundredByteCommareaGivesTheHundredEightyFiveBytePayload)
+{
+    ProgramCall call(100);
+    Bytes payload = sentPayload(&call.request);
+    Wire expected = programCallHead();
+    expected.i32(100).u8(0).u8(0).raw(call.commarea).u8(0);
+    trailer(expected);
+    EXPECT_EQ(185u, payload.size());
+    EXPECT_EQ(hex(expected.b), hex(payload));
+}
+
+TEST(EciRequestFlow, OutboundLengthSendsOnlyThatManyBytes)
+{
+    ProgramCall call(100);
+    call.request.outboundLength = 10;
+    call.request.inboundLength = 100;
+    Bytes payload = sentPayload(&call.request);
+    Wire expected = programCallHead();
+    expected.i32(100).u8(0xFF).i32(10).u8(0xFF).i32(100).raw(Bytes(call.commarea.begin(), call.commarea.begin() + 10));
+    trailer(expected.u8(0));
+    EXPECT_EQ(hex(expected.b), hex(payload));
+}
+
+TEST(EciRequestFlow, ExtendModesTwoAndFourSendNoCommareaBytes)
+{
+    for (int32_t mode : {2, 4}) {
+        ProgramCall call(100);
+        call.request.extendMode = mode;
+        call.request.luwToken = 0x0A0B0C0D;
+        Bytes payload = sentPayload(&call.request);
+        Wire expected;
+        expected.i32(1).i32(mode).i32(0x0A0B0C0D).i32(0).u8(0).i32(8).field("SYS1", 8).field("USER1", 16);
+        expected.i32(2).raw(scrambled("pw")).text("PROG1   ").text("TRN1").i32(0);
+        expected.i32(100).u8(0).u8(0).u8(0);
+        trailer(expected);
+        EXPECT_EQ(hex(expected.b), hex(payload)) << mode;
+    }
+}
+
+TEST(EciRequestFlow, NullUseridAndPasswordSendZerosAndNoPassword)
+{
+    ProgramCall call(0);
+    call.request.userid = NULL;
+    call.request.password = NULL;
+    call.request.requestKind = ECI_KIND_ALT_TRANSID;
+    Bytes payload = sentPayload(&call.request);
+    Wire expected;
+    expected.i32(12).i32(0).i32(0).i32(0).u8(0).i32(8).field("SYS1", 8).fill(16, 0);
+    expected.i32(0).text("PROG1   ").text("TRN1").i32(0).i32(0).u8(0).u8(0).u8(0);
+    trailer(expected);
+    EXPECT_EQ(15u + 68u, payload.size());
+    EXPECT_EQ(hex(expected.b), hex(payload));
+}
+
+TEST(EciRequestFlow, LongUseridIsCutAtSixteen)
+{
+    ProgramCall call(0);
+    call.request.userid = "ABCDEFGHIJKLMNOPQRSTU";
+    Bytes payload = sentPayload(&call.request);
+    ASSERT_GE(payload.size(), 45u);
+    EXPECT_EQ("ABCDEFGHIJKLMNOP", std::string(payload.begin() + 29, payload.begin() + 45));
+}
+
+TEST(EciRequestFlow, SystemListCarriesOnlyTheCapacity)
+{
+    EciRequest request;
+    memset(&request, 0, sizeof request);
+    request.requestKind = ECI_KIND_SYSTEMS;
+    request.replyToken = 7;
+    request.timeout = 0x0102;
+    request.optionalMarker = -1;
+    request.correlator = 9;
+    request.userid = "NOT SENT";
+    Bytes payload = sentPayload(&request);
+    Wire expected;
+    expected.i32(9).i32(7);
+    trailer(expected, 0x0102, 9);
+    EXPECT_EQ(hex(expected.b), hex(payload));
+}
+
+TEST(EciRequestFlow, OptionalStringsFollowAMarkerOtherThanMinusOne)
+{
+    const uint8_t one[] = {0xA1, 0xA2, 0xA3};
+    const uint8_t two[] = {0xB1};
+    EciRequest request;
+    memset(&request, 0, sizeof request);
+    request.requestKind = 99;
+    request.optionalMarker = 0;
+    request.optional1Length = 3;
+    request.optional1 = one;
+    request.optional2Length = 1;
+    request.optional2 = two;
+    request.correlator = 1;
+    Bytes payload = sentPayload(&request);
+    Wire expected;
+    expected.i32(99).i16(0).u8(0).i32(0).i32(3).raw(Bytes(one, one + 3)).i32(1).u8(0xB1).i32(1);
+    EXPECT_EQ(hex(expected.b), hex(payload));
+}
+
+TEST(EciRequestFlow, DataTraceNamesTheCommareaItSends)
+{
+    TraceCapture trace(4);
+    ProgramCall call(100);
+    call.request.outboundLength = 10;
+    sentPayload(&call.request);
+    char expected[96];
+    snprintf(expected, sizeof expected, "DATA Commarea=%p len=10 stopword=00000000", (void*)call.commarea.data());
+    EXPECT_EQ(std::vector<std::string>({expected}), messages(trace, 3243));
+    call.request.outboundLength = 0;
+    trace.clear();
+    sentPayload(&call.request);
+    snprintf(expected, sizeof expected, "DATA Commarea=%p len=100 stopword=00000000", (void*)call.commarea.data());
+    EXPECT_EQ(std::vector<std::string>({expected}), messages(trace, 3244));
+}
+
+TEST(EciRequestFlow, SizeEqualsTheBytesWrittenForEveryCombination)
+{
+    Channel* channel = NULL;
+    ASSERT_EQ(0, ECI_createChannel("SIZECHANNEL", &channel));
+    ASSERT_EQ(0, ECI_createContainer(channel, "FIVE", ECI_BIT, 0, "12345", 5));
+    ASSERT_EQ(0, ECI_createContainer(channel, "EMPTY", ECI_BIT, 0, NULL, 0));
+    const uint8_t optional[4] = {1, 2, 3, 4};
+    int combinations = 0;
+    for (int32_t kind : {1, 12, 9, 5}) {
+        for (int32_t mode : {0, 1, 2, 4}) {
+            for (int32_t length : {0, 7, 40000}) {
+                for (const char* password : {(const char*)NULL, "", "secret"}) {
+                    for (bool withChannel : {false, true}) {
+                        for (int32_t marker : {-1, 1}) {
+                            ProgramCall call(length);
+                            call.request.requestKind = kind;
+                            call.request.extendMode = mode;
+                            call.request.password = password;
+                            call.request.outboundLength = combinations % 3 == 0 ? length / 2 : 0;
+                            call.request.inboundLength = combinations % 2 == 0 ? length : 0;
+                            call.request.channel = withChannel ? channel : NULL;
+                            call.request.optionalMarker = marker;
+                            call.request.optional1Length = marker == -1 ? 0 : 4;
+                            call.request.optional1 = optional;
+                            call.request.optional2Length = marker == -1 ? 0 : 2;
+                            call.request.optional2 = optional;
+                            Bytes payload = sentPayload(&call.request);
+                            EXPECT_EQ((size_t)calculateECIRequestSize(&call.request), payload.size())
+                                << kind << " " << mode << " " << length << " " << (password ? password : "NULL") << " "
+                                << withChannel << " " << marker;
+                            ASSERT_GE(payload.size(), 4u);
+                            EXPECT_EQ("00 00 00 05 ", hex(Bytes(payload.end() - 4, payload.end())));
+                            combinations++;
+                        }
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_EQ(4 * 4 * 3 * 3 * 2 * 2, combinations);
+    EXPECT_EQ(0, ECI_deleteChannel(&channel));
+}
+
+TEST(EciRequestFlow, LostConnectionIsReported)
+{
+    SocketPair pair;
+    pair.closePeer();
+    ProgramCall call(10);
+    FlowHeader header = eciHeader(1);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, clapiFlowECIRequest(pair.lib, &header, &call.request));
+}
+
+/* ---- Replies ---- */
+
+/* The reply record as the receiver prepares it: where data go and how much room there is. */
+struct ReplyTarget {
+    ReplyTarget(uint32_t capacity, int32_t extendMode = 0) : area(capacity + 1, 0xAA)
+    {
+        area[capacity] = 0x5A;   /* the byte after the area */
+        memset(&request, 0, sizeof request);
+        request.commarea = area.data();
+        request.commareaCapacity = capacity;
+        request.extendMode = extendMode;
+    }
+    Bytes area;
+    EciRequest request;
+};
+
+int decode(SocketPair& pair, const Bytes& payload, EciRequest* request)
+{
+    std::thread writer([&] { pair.feed(payload); });
+    ReadBuffer in(pair.lib, (uint32_t)payload.size());
+    int rc = clapiReadECIResponse(&in.sb, request);
+    writer.join();
+    EXPECT_EQ(0u, in.sb.bytesRemaining);
+    EXPECT_EQ(0u, in.sb.bytesInBuffer);
+    return rc;
+}
+
+Wire programReply(int32_t commareaLength)
+{
+    Wire w;
+    w.i32(1).i32(0x10203040).i32(0).i32(-7).text("AB12").i32(commareaLength);
+    return w;
+}
+
+TEST(EciReply, ShortDataFillTheAreaAndZeroTheRestOfTheCommarea)
+{
+    SocketPair pair;
+    ReplyTarget target(100);
+    Bytes data(20, 0x33);
+    Bytes payload = programReply(100).u8(0xFF).u8(0).i32(20).raw(data).u8(0).b;
+    EXPECT_EQ(0, decode(pair, payload, &target.request));
+    EXPECT_EQ(1, target.request.requestKind);
+    EXPECT_EQ(0x10203040, target.request.luwToken);
+    EXPECT_EQ(-7, target.request.returnCode);
+    EXPECT_EQ(0, memcmp(target.request.abendCode, "AB12", 4));
+    EXPECT_EQ(100, target.request.commareaLength);
+    EXPECT_EQ(20, target.request.inboundLength);
+    EXPECT_EQ(hex(data), hex(Bytes(target.area.begin(), target.area.begin() + 20)));
+    EXPECT_EQ(hex(Bytes(80, 0)), hex(Bytes(target.area.begin() + 20, target.area.begin() + 100)));
+    EXPECT_EQ(0x5A, target.area[100]);
+}
+
+TEST(EciReply, WithoutDataFlagTheDataLengthIsTheCommareaLength)
+{
+    SocketPair pair;
+    ReplyTarget target(8);
+    Bytes payload = programReply(8).u8(0).raw({1, 2, 3, 4, 5, 6, 7, 8}).u8(0).b;
+    EXPECT_EQ(0, decode(pair, payload, &target.request));
+    EXPECT_EQ(8, target.request.inboundLength);
+    EXPECT_EQ("01 02 03 04 05 06 07 08 5A ", hex(target.area));
+}
+
+TEST(EciReply, ExtendModesTwoAndFourLeaveTheCommareaAlone)
+{
+    for (int32_t mode : {2, 4}) {
+        SocketPair pair;
+        ReplyTarget target(10, mode);
+        Bytes payload = programReply(10).u8(0xFF).u8(0).i32(0).u8(0).b;
+        EXPECT_EQ(0, decode(pair, payload, &target.request)) << mode;
+        EXPECT_EQ(hex(Bytes(10, 0xAA)), hex(Bytes(target.area.begin(), target.area.begin() + 10))) << mode;
+        EXPECT_EQ(0, target.request.inboundLength);
+    }
+}
+
+TEST(EciReply, DataBeyondTheAreaAreDroppedAndTheNextMessageStillDecodes)
+{
+    struct Case {
+        uint32_t capacity;
+        int32_t commareaLength;
+        int32_t dataLength;
+        bool flag;
+    } cases[] = {
+        {10, 30, 30, false}, {10, 30, 30, true}, {10, 5, 40000, true}, {0, 50000, 50000, false}, {10, 50, 5, true},
+    };
+    for (const Case& c : cases) {
+        SocketPair pair;
+        TraceCapture trace(1);
+        ReplyTarget target(c.capacity);
+        Bytes data((size_t)c.dataLength);
+        for (size_t i = 0; i < data.size(); i++) data[i] = (uint8_t)(i + 1);
+        Wire reply = programReply(c.commareaLength);
+        if (c.flag) reply.u8(0xFF).u8(0).i32(c.dataLength);
+        else reply.u8(0);
+        reply.raw(data).u8(0);
+        EXPECT_EQ(0, decode(pair, reply.b, &target.request)) << c.dataLength;
+        uint32_t stored = std::min(c.capacity, (uint32_t)c.dataLength);
+        EXPECT_EQ((int32_t)stored, target.request.inboundLength);
+        EXPECT_EQ(c.commareaLength, target.request.commareaLength);
+        EXPECT_EQ(hex(Bytes(data.begin(), data.begin() + stored)),
+                  hex(Bytes(target.area.begin(), target.area.begin() + stored)));
+        EXPECT_EQ(hex(Bytes(c.capacity - stored, 0)), hex(Bytes(target.area.begin() + stored, target.area.end() - 1)));
+        EXPECT_EQ(0x5A, target.area[c.capacity]);
+        std::vector<std::string> expected;
+        if ((uint32_t)c.dataLength > c.capacity) {
+            expected.push_back("*EXC* Reply data of " + std::to_string(c.dataLength) + " bytes exceed the reply area of " +
+                               std::to_string(c.capacity) + " bytes; the excess is dropped");
+        }
+        EXPECT_EQ(expected, messages(trace, 3249));
+
+        ReplyTarget next(4);
+        EXPECT_EQ(0, decode(pair, programReply(4).u8(0).raw({9, 8, 7, 6}).u8(0).b, &next.request));
+        EXPECT_EQ("09 08 07 06 5A ", hex(next.area));
+    }
+}
+
+TEST(EciReply, NegativeLengthsAreProtocolErrors)
+{
+    struct Case {
+        int32_t commareaLength;
+        bool flag;
+        int32_t dataLength;
+    } cases[] = {{-1, false, 0}, {10, true, -1}, {-5, true, 3}, {(int32_t)0x80000000, false, 0}};
+    for (const Case& c : cases) {
+        SocketPair pair;
+        TraceCapture trace(1);
+        ReplyTarget target(10);
+        Wire reply = programReply(c.commareaLength);
+        if (c.flag) reply.u8(0xFF).u8(0).i32(c.dataLength);
+        else reply.u8(0);
+        EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, decode(pair, reply.b, &target.request));
+        int32_t shownData = c.flag ? c.dataLength : c.commareaLength;
+        EXPECT_EQ(std::vector<std::string>({"*EXC* Bad length in ECI reply: COMMAREA length " +
+                                            std::to_string(c.commareaLength) + ", data length " +
+                                            std::to_string(shownData)}),
+                  messages(trace, 3249));
+        EXPECT_EQ(hex(Bytes(10, 0xAA)), hex(Bytes(target.area.begin(), target.area.begin() + 10)));
+    }
+}
+
+TEST(EciReply, SystemListLandsInTheCallersList)
+{
+    SocketPair pair;
+    ReplyTarget target(6);
+    Bytes payload = Wire().i32(9).i32(2).i32(0).i32(6).text("SYSTEM").b;
+    EXPECT_EQ(0, decode(pair, payload, &target.request));
+    EXPECT_EQ(9, target.request.requestKind);
+    EXPECT_EQ(2, target.request.replyToken);
+    EXPECT_EQ(0, target.request.returnCode);
+    EXPECT_EQ(6, target.request.commareaLength);
+    EXPECT_EQ(6, target.request.inboundLength);
+    EXPECT_EQ("SYSTEM", std::string(target.area.begin(), target.area.begin() + 6));
+}
+
+TEST(EciReply, OtherKindsReadNothingMore)
+{
+    SocketPair pair;
+    ReplyTarget target(4);
+    pair.feed(Wire().i32(5).i32(0x01020304).b);
+    ReadBuffer in(pair.lib, 8);
+    EXPECT_EQ(0, clapiReadECIResponse(&in.sb, &target.request));
+    EXPECT_EQ(5, target.request.requestKind);
+    EXPECT_EQ(0x01020304, readInt(&in.sb));
+    EXPECT_EQ(0, target.request.returnCode);
+}
+
+TEST(EciReply, ReplyCutShortByTheGatewayIsALostConnection)
+{
+    SocketPair pair;
+    ReplyTarget target(10);
+    Bytes payload = programReply(10).u8(0).raw({1, 2, 3}).b;
+    pair.feed(payload);
+    pair.closePeer();
+    ReadBuffer in(pair.lib, (uint32_t)payload.size() + 8);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, clapiReadECIResponse(&in.sb, &target.request));
+}
+
+/* ---- Against the Gateway emulator ---- */
+
+TEST(EciGateway, ProgramSeesEveryFieldAndThePasswordInClear)
+{
+    GatewayLink link;
+    ASSERT_TRUE(link.open()) << link.gw.log();
+    ProgramCall call(120);
+    memcpy(call.request.systemName, "ZEPSYS1\0", 8);
+    memcpy(call.request.programName, "WHO     ", 8);
+    call.request.userid = "ZEPUSER";
+    call.request.password = "ZEPPASS1";
+    FlowHeader header = eciHeader(3);
+    ASSERT_EQ(0, clapiFlowECIRequest(link.fd, &header, &call.request));
+
+    ASSERT_EQ(0, link.next(&header)) << link.gw.log();
+    EXPECT_EQ(FLOW_REPLY, header.flowType);
+    EXPECT_EQ(3, header.messageId);
+    EXPECT_STREQ("ECI", header.requestType);
+    ReplyTarget target(120);
+    EXPECT_EQ(0, clapiReadECIResponse(&link.in, &target.request));
+    EXPECT_EQ(0, target.request.returnCode);
+    EXPECT_EQ(120, target.request.commareaLength);
+    std::string text = "user=ZEPUSER password=ZEPPASS1 transid=TRN1 system=ZEPSYS1 kind=1 timeout=30";
+    EXPECT_EQ(text, std::string((const char*)target.area.data()));
+    EXPECT_EQ(0x5A, target.area[120]);
+}
+
+TEST(EciGateway, ContainerChangesComeBackIntoTheChannel)
+{
+    GatewayLink link;
+    ASSERT_TRUE(link.open()) << link.gw.log();
+    Channel* channel = NULL;
+    ASSERT_EQ(0, ECI_createChannel("LOOPBACK", &channel));
+    ASSERT_EQ(0, ECI_createContainer(channel, "KEEP", ECI_BIT, 0, "same", 4));
+    ASSERT_EQ(0, ECI_createContainer(channel, "DELME", ECI_BIT, 0, "gone", 4));
+    ASSERT_EQ(0, ECI_createContainer(channel, "MODME", ECI_BIT, 0, "abc", 3));
+    ProgramCall call(0);
+    memcpy(call.request.systemName, "ZEPSYS1\0", 8);
+    memcpy(call.request.programName, "CHANNEL ", 8);
+    call.request.userid = NULL;
+    call.request.password = NULL;
+    call.request.channel = channel;
+    FlowHeader header = eciHeader(4);
+    ASSERT_EQ(0, clapiFlowECIRequest(link.fd, &header, &call.request));
+
+    ASSERT_EQ(0, link.next(&header)) << link.gw.log();
+    ReplyTarget target(0);
+    target.request.channel = channel;
+    EXPECT_EQ(0, clapiReadECIResponse(&link.in, &target.request));
+    EXPECT_EQ(0, target.request.returnCode);
+    std::string names;
+    for (Container* c = channel->firstCont; c != NULL; c = c->nextCont) {
+        names += std::string(c->name, strnlen(c->name, 16)) + "=" + std::string((const char*)c->dataPtr, c->dataLength) + ";";
+    }
+    EXPECT_EQ("RESULT=containers=3;MODME=cba;KEEP=same;", names);
+    EXPECT_EQ(3, channel->numContainers);
+    EXPECT_EQ(0, ECI_deleteChannel(&channel));
+}
+
+}  // namespace

@@ -1,0 +1,169 @@
+/* ESI requests and replies, byte for byte over a socket pair. */
+#include "wire_test_support.h"
+
+namespace {
+
+FlowHeader esiHeader(int32_t messageId)
+{
+    return requestHeader(messageId, ESI_REQUEST_NAME);
+}
+
+EsiRequest esiRequest(int32_t kind, const char* userid, const char* password, const char* newPassword,
+                      const char* server)
+{
+    EsiRequest request;
+    memset(&request, 0, sizeof request);
+    request.esiKind = kind;
+    request.userid = userid;
+    request.password = password;
+    request.newPassword = newPassword;
+    strncpy(request.server, server, sizeof request.server);
+    return request;
+}
+
+TEST(EsiRequestFlow, VerifyingCarriesTheThirtyThreeBytePayloadWithTheMaskedPassword)
+{
+    SocketPair pair;
+    TraceCapture trace(3);
+    FlowHeader header = esiHeader(4);
+    EsiRequest request = esiRequest(ESI_KIND_VERIFY, "USER1", "PASSWD7", "IGNORED", "SRV1");
+    EXPECT_EQ(0, clapiFlowESIRequest(pair.lib, &header, &request));
+    EXPECT_EQ(33, header.payloadLength);
+    Wire expected;
+    expected.header(1, 4, "ESI", 33);
+    expected.i32(0).field("USER1", 10).i32(7).raw(scrambled("PASSWD7")).field("SRV1", 8);
+    EXPECT_EQ(hex(expected.b), hex(pair.drain()));
+    EXPECT_EQ(std::vector<std::string>({"EXIT calculateESIRequestSize() size=33"}), messages(trace, 3238));
+}
+
+TEST(EsiRequestFlow, ChangingAddsTheNewPasswordMasked)
+{
+    SocketPair pair;
+    FlowHeader header = esiHeader(9);
+    EsiRequest request = esiRequest(ESI_KIND_CHANGE, "A_LONG_USER_ID", "OLD", "NEWPASS", "");
+    EXPECT_EQ(0, clapiFlowESIRequest(pair.lib, &header, &request));
+    EXPECT_EQ(3 + 26 + 4 + 7, header.payloadLength);
+    Wire expected;
+    expected.header(1, 9, "ESI", 40);
+    expected.i32(1).field("A_LONG_USER_ID", 10).i32(3).raw(scrambled("OLD")).fill(8, 0);
+    expected.i32(7).raw(scrambled("NEWPASS"));
+    EXPECT_EQ(hex(expected.b), hex(pair.drain()));
+}
+
+TEST(EsiRequestFlow, SizeMatchesTheBytesWritten)
+{
+    struct Case {
+        int32_t kind;
+        const char* password;
+        const char* newPassword;
+    } cases[] = {
+        {ESI_KIND_VERIFY, "P", NULL}, {ESI_KIND_VERIFY, "PASSWORD", "X"}, {ESI_KIND_CHANGE, "P", "Q"},
+        {ESI_KIND_CHANGE, "PASSWORD", "NEWPASSWORD"},
+    };
+    for (const Case& c : cases) {
+        SocketPair pair;
+        FlowHeader header = esiHeader(1);
+        EsiRequest request = esiRequest(c.kind, "U", c.password, c.newPassword, "S");
+        int32_t size = calculateESIRequestSize(&request);
+        EXPECT_EQ(0, clapiFlowESIRequest(pair.lib, &header, &request));
+        EXPECT_EQ(size, header.payloadLength);
+        EXPECT_EQ(32u + (size_t)size, pair.drain().size()) << c.password;
+    }
+}
+
+TEST(EsiRequestFlow, PasswordsAppearInTheDataDumpOnlyAsAsterisks)
+{
+    SocketPair pair;
+    TraceCapture trace(4);
+    FlowHeader header = esiHeader(2);
+    EsiRequest request = esiRequest(ESI_KIND_CHANGE, "U", "ABCD", "EFGH", "S");
+    EXPECT_EQ(0, clapiFlowESIRequest(pair.lib, &header, &request));
+    std::vector<TraceRecord> data = trace.find(2526);
+    ASSERT_EQ(1u, data.size());
+    std::string dump;
+    for (const std::string& line : trace.linesAfter(data[0])) dump += line + "\n";
+    /* Message bytes 48 to 63 and 64 to 69: each password behind its length 00 00 00 04. */
+    EXPECT_NE(std::string::npos, dump.find(": 00042A2A 2A2A5300 00000000 00000000 : ..****S.........")) << dump;
+    EXPECT_NE(std::string::npos, dump.find(": 00042A2A 2A2A")) << dump;
+    Bytes wire = pair.drain();
+    ASSERT_EQ(32u + 38u, wire.size());
+    EXPECT_EQ(hex(scrambled("ABCD")), hex(Bytes(wire.begin() + 50, wire.begin() + 54)));
+    EXPECT_EQ(hex(scrambled("EFGH")), hex(Bytes(wire.end() - 4, wire.end())));
+}
+
+TEST(EsiRequestFlow, LostConnectionIsReported)
+{
+    SocketPair pair;
+    pair.closePeer();
+    FlowHeader header = esiHeader(2);
+    EsiRequest request = esiRequest(ESI_KIND_VERIFY, "U", "P", NULL, "S");
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, clapiFlowESIRequest(pair.lib, &header, &request));
+}
+
+TEST(EsiReply, FailureCarriesNoDetails)
+{
+    SocketPair pair;
+    pair.feed(Wire().i32(-27).b);
+    ReadBuffer in(pair.lib, 4);
+    EsiReply reply;
+    memset(&reply, 0x5A, sizeof reply);
+    EXPECT_EQ(-27, clapiReadESIResponse(&in.sb, &reply));
+    EXPECT_EQ(-27, reply.returnCode);
+    Bytes details((uint8_t*)&reply.details, (uint8_t*)&reply.details + sizeof reply.details);
+    EXPECT_EQ(hex(Bytes(sizeof reply.details, 0x5A)), hex(details));
+}
+
+TEST(EsiReply, SecondAndThirdTimeArriveInSwappedOrder)
+{
+    SocketPair pair;
+    Wire payload;
+    payload.i32(0);
+    for (int32_t word = 1; word <= 22; word++) payload.i32(word * 100);
+    pair.feed(payload.b);
+    ReadBuffer in(pair.lib, (uint32_t)payload.b.size());
+    EsiReply reply;
+    memset(&reply, 0, sizeof reply);
+    EXPECT_EQ(2200, clapiReadESIResponse(&in.sb, &reply));
+    EXPECT_EQ(0, reply.returnCode);
+    const EsiTime* times[3] = {&reply.details.esiTime1, &reply.details.esiTime3, &reply.details.esiTime2};
+    for (int t = 0; t < 3; t++) {
+        const int32_t* words = &times[t]->year;
+        for (int w = 0; w < 7; w++) EXPECT_EQ((t * 7 + w + 1) * 100, words[w]) << t << "," << w;
+    }
+    EXPECT_EQ(2200, reply.details.esiCount);
+    EXPECT_EQ(0u, in.sb.bytesRemaining);
+    EXPECT_EQ(0u, in.sb.bytesInBuffer);
+}
+
+TEST(EsiGateway, VerifiedUserDetailsLandInMemoryOrder)
+{
+    GatewayLink link;
+    ASSERT_TRUE(link.open()) << link.gw.log();
+    struct Case {
+        const char* password;
+        int32_t rc;
+    } cases[] = {{"WRONGPW", -106}, {"ZEPPASS1", 1}};
+    int32_t messageId = 1;
+    for (const Case& c : cases) {
+        FlowHeader header = esiHeader(messageId);
+        EsiRequest request = esiRequest(ESI_KIND_VERIFY, "ZEPUSER", c.password, NULL, "ZEPSYS1");
+        ASSERT_EQ(0, clapiFlowESIRequest(link.fd, &header, &request));
+        ASSERT_EQ(0, link.next(&header)) << link.gw.log();
+        EXPECT_EQ(messageId++, header.messageId);
+        EXPECT_STREQ("ESI", header.requestType);
+        EsiReply reply;
+        memset(&reply, 0, sizeof reply);
+        EXPECT_EQ(c.rc, clapiReadESIResponse(&link.in, &reply)) << c.password;
+        if (c.rc < 0) continue;
+        /* The first user: year 2020+t, month 0, day 1, hour 8+t, minute 0, second 10t for time t. */
+        const EsiTime* times[3] = {&reply.details.esiTime1, &reply.details.esiTime2, &reply.details.esiTime3};
+        for (int t = 1; t <= 3; t++) {
+            EXPECT_EQ(2020 + t, times[t - 1]->year);
+            EXPECT_EQ(8 + t, times[t - 1]->hour);
+            EXPECT_EQ(10 * t, times[t - 1]->second);
+        }
+        EXPECT_EQ(1, reply.details.esiCount);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,341 @@
+/* The socket buffer against real sockets: the bytes that cross, the sends they take, and the failures. */
+#include "wire_test_support.h"
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+std::string pointerText(const void* p)
+{
+    char text[32];
+    snprintf(text, sizeof text, "%p", p);
+    return text;
+}
+
+/* Writes through a fresh write buffer of `length` bytes, flushes, frees, and returns what went over. */
+template <typename Writer>
+Bytes written(uint32_t length, Writer write)
+{
+    SocketPair pair;
+    WriteBuffer out(pair.lib, length);
+    EXPECT_EQ(0, out.rc);
+    SocketBuffer& sb = out.sb;
+    write(&sb);
+    EXPECT_EQ(0, flushBuffer(&sb));
+    EXPECT_EQ(0u, sb.bytesRemaining);
+    EXPECT_EQ(0, freeBuffer(&sb));
+    return pair.drain();
+}
+
+TEST(SocketBufferWrite, ValuesGoOutBigEndianWithOnlyTheirLowBits)
+{
+    struct Case {
+        const char* name;
+        void (*write)(SocketBuffer*);
+        uint32_t length;
+        Bytes expected;
+    } cases[] = {
+        {"int", [](SocketBuffer* sb) { writeInt(sb, 0x01020304); }, 4, {0x01, 0x02, 0x03, 0x04}},
+        {"negative int", [](SocketBuffer* sb) { writeInt(sb, -2); }, 4, {0xFF, 0xFF, 0xFF, 0xFE}},
+        {"short", [](SocketBuffer* sb) { writeShort(sb, 0x12345678); }, 2, {0x56, 0x78}},
+        {"byte", [](SocketBuffer* sb) { writeByte(sb, 0x1FF); }, 1, {0xFF}},
+        {"padded cut", [](SocketBuffer* sb) { writePaddedBytes(sb, "ABCDEFGHIJ", 10, 8); }, 8,
+         {0x41, 0x42, 0x43, 0x44, 0x45, 0x46, 0x47, 0x48}},
+        {"padded filled", [](SocketBuffer* sb) { writePaddedBytes(sb, "ABC", 3, 8); }, 8,
+         {0x41, 0x42, 0x43, 0, 0, 0, 0, 0}},
+        {"masked", [](SocketBuffer* sb) { writeBytesMasked(sb, "AB", 2); }, 2, {0xBE, 0x03}},
+        {"masked one byte", [](SocketBuffer* sb) { writeBytesMasked(sb, "\x0F", 1); }, 1, {0xF0}},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(hex(c.expected), hex(written(c.length, c.write))) << c.name;
+    }
+}
+
+TEST(SocketBufferWrite, PaddedMaskedFieldLeavesThePaddingAsTheBlockHeldIt)
+{
+    SocketPair pair;
+    WriteBuffer out(pair.lib, 8);
+    ASSERT_EQ(0, out.rc);
+    SocketBuffer& sb = out.sb;
+    writeBytes(&sb, "\x55\x56\x57\x58\x59\x5A\x5B\x5C", 8);
+    ASSERT_EQ(0, flushBuffer(&sb));
+    ASSERT_EQ(0, initWriteBuffer(&sb, pair.lib, 8));   /* reuses the block and its old bytes */
+    writePaddedBytesMasked(&sb, "ABCDEFGHIJ", 2, 6);
+    writeShort(&sb, 0x0102);
+    ASSERT_EQ(0, flushBuffer(&sb));
+    EXPECT_EQ(0, freeBuffer(&sb));
+    Bytes wire = pair.drain();
+    EXPECT_EQ("55 56 57 58 59 5A 5B 5C BE 03 57 58 59 5A 01 02 ", hex(wire));
+}
+
+TEST(SocketBufferWrite, MessageOfExactlyTheBufferSizeGoesOutInOneSend)
+{
+    SocketPair pair(SOCK_SEQPACKET);
+    WriteBuffer out(pair.lib, 33000);
+    ASSERT_EQ(0, out.rc);
+    SocketBuffer& sb = out.sb;
+    for (int i = 0; i < 33000 / 4; i++) writeInt(&sb, i);
+    EXPECT_EQ(0, flushBuffer(&sb));
+    EXPECT_EQ(0u, sb.bytesRemaining);
+    EXPECT_EQ(0, freeBuffer(&sb));
+    EXPECT_EQ(std::vector<size_t>({33000}), pair.records());
+}
+
+TEST(SocketBufferWrite, OneByteMoreFlushesInTheMiddle)
+{
+    SocketPair pair(SOCK_SEQPACKET);
+    TraceCapture trace(4);
+    WriteBuffer out(pair.lib, 33001);
+    ASSERT_EQ(0, out.rc);
+    SocketBuffer& sb = out.sb;
+    EXPECT_EQ(33000u, sb.bufferSize);
+    writeByte(&sb, 7);
+    for (int i = 0; i < 33000 / 4; i++) writeInt(&sb, i);
+    EXPECT_EQ(0, flushBuffer(&sb));
+    EXPECT_EQ(0u, sb.bytesRemaining);
+    EXPECT_EQ(0, freeBuffer(&sb));
+    EXPECT_EQ(std::vector<size_t>({32997, 4}), pair.records());
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Insufficient space in buffer " + pointerText(&sb) + " to write 8249"}),
+              messages(trace, 2552));
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Sent 32997 bytes, 4 bytes remaining",
+                                        "DEBUG Sent 4 bytes, 0 bytes remaining"}),
+              messages(trace, 2527));
+}
+
+TEST(SocketBufferWrite, DataLargerThanTheBufferGoStraightFromTheCallersArea)
+{
+    SocketPair pair(SOCK_SEQPACKET);
+    TraceCapture trace(4);
+    Bytes data(40000);
+    for (size_t i = 0; i < data.size(); i++) data[i] = (uint8_t)(i * 7);
+    WriteBuffer out(pair.lib, 8 + 40000);
+    ASSERT_EQ(0, out.rc);
+    SocketBuffer& sb = out.sb;
+    writeInt(&sb, 1);
+    writeInt(&sb, 2);
+    writeBytes(&sb, data.data(), (uint32_t)data.size());
+    EXPECT_EQ(0u, sb.bytesInBuffer);
+    EXPECT_EQ(0u, sb.bytesRemaining);
+    EXPECT_EQ(0, flushBuffer(&sb));
+    EXPECT_EQ(0, freeBuffer(&sb));
+    EXPECT_EQ(std::vector<size_t>({8, 40000}), pair.records());
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Insufficient space in buffer " + pointerText(&sb) +
+                                        " to write 40000 bytes"}),
+              messages(trace, 2561));
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Data too large for buffer " + pointerText(&sb) + ", writing to socket " +
+                                        std::to_string(pair.lib)}),
+              messages(trace, 2562));
+    EXPECT_EQ(std::vector<std::string>({"DATA data=" + pointerText(data.data()) + " len=40000 stopword=00000000"}),
+              messages(trace, 2563));
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Sent 40000 bytes, 0 bytes remaining"}), messages(trace, 2564));
+}
+
+TEST(SocketBufferWrite, DataTraceShowsAsterisksWhereThePasswordLiesWhileTheWireCarriesItScrambled)
+{
+    SocketPair pair;
+    TraceCapture trace(4);
+    WriteBuffer out(pair.lib, 14);
+    ASSERT_EQ(0, out.rc);
+    SocketBuffer& sb = out.sb;
+    writeInt(&sb, 1);
+    writeBytesMasked(&sb, "secret", 6);
+    writePaddedBytesMasked(&sb, "pw", 2, 4);
+    uint8_t* buffer = sb.buffer;
+    ASSERT_EQ(0, flushBuffer(&sb));
+    EXPECT_EQ(0, freeBuffer(&sb));
+
+    Bytes wire = pair.drain();
+    ASSERT_EQ(14u, wire.size());
+    EXPECT_EQ(hex(Wire().i32(1).raw(scrambled("secret")).raw(scrambled("pw")).b), hex(Bytes(wire.begin(), wire.end() - 2)));
+
+    std::vector<TraceRecord> data = trace.find(2526);
+    ASSERT_EQ(1u, data.size());
+    EXPECT_EQ("data=" + pointerText(buffer) + " len=14 stopword=00000000", data[0].message);
+    std::vector<std::string> dump = trace.linesAfter(data[0]);
+    ASSERT_EQ(2u, dump.size());
+    EXPECT_EQ("Data truncation size=128, offset=0", dump[0]);
+    EXPECT_NE(std::string::npos, dump[1].find(": 00000001 2A2A2A2A 2A2A2A2A 2A2A     : ....**********"))
+        << dump[1];
+}
+
+TEST(SocketBufferWrite, FailedSendIsStickyAndLaterWritesAreDropped)
+{
+    SocketPair pair;
+    TraceCapture trace(1);
+    pair.closePeer();
+    WriteBuffer out(pair.lib, 8);
+    ASSERT_EQ(0, out.rc);
+    SocketBuffer& sb = out.sb;
+    writeInt(&sb, 1);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, flushBuffer(&sb));
+    EXPECT_EQ(EPIPE, sb.errorCode);
+    writeInt(&sb, 2);
+    EXPECT_EQ(4u, sb.bytesInBuffer);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, flushBuffer(&sb));
+    EXPECT_EQ(0, freeBuffer(&sb));
+    EXPECT_EQ(std::vector<std::string>({"*EXC* Unable to send data to Gateway: " + std::string(strerror(EPIPE)) + " (" +
+                                        std::to_string(EPIPE) + ")"}),
+              messages(trace, 2528));
+}
+
+TEST(SocketBufferInit, BlockIsAllocatedOnceAndReusedWhileLargeEnough)
+{
+    SocketPair pair;
+    TraceCapture trace(4);
+    WriteBuffer out(pair.lib, 100);
+    ASSERT_EQ(0, out.rc);
+    SocketBuffer& sb = out.sb;
+    uint8_t* first = sb.buffer;
+    EXPECT_EQ(0, memcmp(sb.eyecatcher, "ZEPSCKBF", 8));
+    EXPECT_EQ(first, sb.cursor);
+    ASSERT_EQ(0, initReadBuffer(&sb, pair.lib, 50));
+    EXPECT_EQ(first, sb.buffer);
+    EXPECT_EQ(100u, sb.bufferSize);
+    EXPECT_EQ(50u, sb.bytesRemaining);
+    EXPECT_EQ(nullptr, sb.cursor);
+    ASSERT_EQ(0, initWriteBuffer(&sb, pair.lib, 40000));
+    EXPECT_EQ(33000u, sb.bufferSize);
+    EXPECT_EQ(40000u, sb.bytesRemaining);
+    EXPECT_EQ(0, freeBuffer(&sb));
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Allocated new buffer of 100 bytes",
+                                        "DEBUG Allocated new buffer of 33000 bytes"}),
+              messages(trace, 2502));
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Reusing existing buffer of 100 bytes"}), messages(trace, 2513));
+}
+
+TEST(SocketBufferInit, FreeingAZeroedBufferIsRefused)
+{
+    TraceCapture trace(1);
+    SocketBuffer sb;
+    memset(&sb, 0, sizeof sb);
+    EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, freeBuffer(&sb));
+    EXPECT_EQ(std::vector<std::string>({"*EXC* Buffer not initialized: " + pointerText(&sb)}), messages(trace, 2517));
+}
+
+TEST(SocketBufferRead, ValuesComeInBigEndianAndSignExtended)
+{
+    SocketPair pair;
+    Bytes message = Wire().i32(-2).i16(-3).u8(0xFE).i32(0x7F010203).i16(0x7FFF).b;
+    pair.feed(message);
+    ReadBuffer in(pair.lib, (uint32_t)message.size());
+    ASSERT_EQ(0, in.rc);
+    EXPECT_EQ(-2, readInt(&in.sb));
+    EXPECT_EQ(-3, readShort(&in.sb));
+    EXPECT_EQ(0xFE, readByte(&in.sb));
+    EXPECT_EQ(0x7F010203, readInt(&in.sb));
+    EXPECT_EQ(0x7FFF, readShort(&in.sb));
+    EXPECT_EQ(0u, in.sb.bytesRemaining);
+    EXPECT_EQ(0u, in.sb.bytesInBuffer);
+}
+
+TEST(SocketBufferRead, BytesLargerThanTheBufferComeStraightIntoTheCallersArea)
+{
+    SocketPair pair;
+    Bytes data(70000);
+    for (size_t i = 0; i < data.size(); i++) data[i] = (uint8_t)(i * 13 + 1);
+    Bytes message = Wire().i32(42).raw(data).i32(43).b;
+    std::thread writer([&] { pair.feed(message); });
+    ReadBuffer in(pair.lib, (uint32_t)message.size());
+    ASSERT_EQ(0, in.rc);
+    EXPECT_EQ(42, readInt(&in.sb));
+    Bytes got(data.size());
+    readBytes(&in.sb, got.data(), (uint32_t)got.size());
+    EXPECT_EQ(0, in.sb.errorCode);
+    EXPECT_TRUE(got == data);
+    EXPECT_EQ(43, readInt(&in.sb));
+    EXPECT_EQ(0u, in.sb.bytesRemaining);
+    writer.join();
+}
+
+TEST(SocketBufferRead, SkippedBytesKeepTheStreamInStep)
+{
+    struct Case {
+        uint32_t skipped;
+    } cases[] = {{0}, {1}, {100}, {33000}, {70001}};
+    for (const Case& c : cases) {
+        SocketPair pair;
+        Bytes message = Wire().i32(1).fill(c.skipped, 0xEE).i32(2).b;
+        Bytes next = Wire().i32(3).b;
+        std::thread writer([&] { pair.feed(message); pair.feed(next); });
+        ReadBuffer in(pair.lib, (uint32_t)message.size());
+        EXPECT_EQ(1, readInt(&in.sb)) << c.skipped;
+        skipBytes(&in.sb, c.skipped);
+        EXPECT_EQ(2, readInt(&in.sb)) << c.skipped;
+        EXPECT_EQ(0, in.sb.errorCode);
+        writer.join();
+        ASSERT_EQ(0, initReadBuffer(&in.sb, pair.lib, 4));
+        EXPECT_EQ(3, readInt(&in.sb)) << c.skipped;
+    }
+}
+
+TEST(SocketBufferRead, PeerClosingInTheMiddleOfAFillFailsForGood)
+{
+    SocketPair pair;
+    TraceCapture trace(1);
+    ReadBuffer in(pair.lib, 8);
+    pair.feed({0x00, 0x00, 0x01});
+    pair.closePeer();
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, fillBuffer(&in.sb));
+    EXPECT_EQ(ECONNRESET, in.sb.errorCode);
+    EXPECT_EQ(3u, in.sb.bytesInBuffer);
+    EXPECT_EQ(5u, in.sb.bytesRemaining);
+    EXPECT_EQ(0, readInt(&in.sb));
+    EXPECT_EQ(0, readByte(&in.sb));
+    EXPECT_EQ(0, readShort(&in.sb));
+    uint8_t untouched[2] = {0x11, 0x22};
+    readBytes(&in.sb, untouched, 2);
+    EXPECT_EQ(0x11, untouched[0]);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, fillBuffer(&in.sb));
+    EXPECT_EQ(std::vector<std::string>({"*EXC* recv returned an error code: " + std::string(strerror(ECONNRESET)) +
+                                        " (" + std::to_string(ECONNRESET) + ")"}),
+              messages(trace, 2543));
+}
+
+TEST(SocketBufferRead, MessageShorterThanItsReadsNeverTakesTheNextMessagesBytes)
+{
+    SocketPair pair;
+    TraceCapture trace(1);
+    pair.feed({0x01, 0x02, 0x00, 0x00, 0x00, 0x09});
+    ReadBuffer in(pair.lib, 2);
+    EXPECT_EQ(0, readInt(&in.sb));
+    EXPECT_EQ(EPROTO, in.sb.errorCode);
+    EXPECT_EQ(std::vector<std::string>({"*EXC* Message ends early: 4 bytes wanted, 2 bytes left"}), messages(trace, 2546));
+    ASSERT_EQ(0, initReadBuffer(&in.sb, pair.lib, 4));
+    EXPECT_EQ(9, readInt(&in.sb));
+}
+
+TEST(SocketBufferWait, TimesOutAfterTheGivenSecondsAndStaysUsable)
+{
+    SocketPair pair;
+    TraceCapture trace(1);
+    ReadBuffer in(pair.lib, 4);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ZEP_ERR_CONNECTTIMEOUT, waitForResponse(&in.sb, 1));
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GE(seconds, 0.9);
+    EXPECT_LT(seconds, 5.0);
+    EXPECT_EQ(std::vector<std::string>({"*EXC* Timed out waiting for handshake response"}), messages(trace, 2504));
+    EXPECT_EQ(0, in.sb.errorCode);
+    pair.feed(Wire().i32(77).b);
+    EXPECT_EQ(0, waitForResponse(&in.sb, 0));
+    EXPECT_EQ(77, readInt(&in.sb));
+}
+
+TEST(SocketBufferWait, FailedWaitMakesTheBufferFail)
+{
+    TraceCapture trace(1);
+    SocketBuffer sb;
+    memset(&sb, 0, sizeof sb);
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(0, initReadBuffer(&sb, fd, 4));
+    close(fd);
+    /* A closed descriptor reads as ready; the fill that follows is what fails. */
+    int rc = waitForResponse(&sb, 1);
+    if (rc == 0) rc = fillBuffer(&sb);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, rc);
+    EXPECT_NE(0, sb.errorCode);
+    EXPECT_EQ(0, freeBuffer(&sb));
+}
+
+}  // namespace
