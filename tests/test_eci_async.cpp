@@ -1,0 +1,342 @@
+// Asynchronous ECI calls against zepgw and the collection of their replies.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <string>
+#include <thread>
+
+#include "eci_test_support.h"
+#include "trace_capture.h"
+
+namespace {
+
+using std::chrono::seconds;
+
+// Sends an asynchronous call and returns its message qualifier (0 when it failed).
+uint32_t startCall(GatewayToken* tok, const char* program, void* area, int length)
+{
+    EciParms parms = eciBlock(ECI_ASYNC, program, area, length);
+    int rc = ZEP_ECI_Execute(tok, &parms);
+    EXPECT_EQ(0, rc) << program;
+    EXPECT_NE(0u, copyOf(parms.eci_message_qualifier));
+    return rc == 0 ? parms.eci_message_qualifier : 0;
+}
+
+TEST(EciAsync, NothingQueuedGivesNoReplyAtOnce)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    char area[8];
+    EciParms parms = replyBlock(ECI_GET_REPLY, 0, area, sizeof area);
+    EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(conn.token(), &parms));
+}
+
+TEST(EciAsync, WaitingCallReturnsWhenTheReplyArrives)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    char request[16] = "300 ms later";
+    const uint32_t q = startCall(conn.token(), "DELAY", request, sizeof request);
+    ASSERT_NE(0u, q);
+    memset(request, 0, sizeof request);   // the reply goes to the library's buffer, not here
+
+    char reply[16];
+    memset(reply, 0, sizeof reply);
+    EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
+    EXPECT_STREQ("300 ms later", reply);
+    EXPECT_EQ(q, copyOf(parms.eci_message_qualifier));
+    EXPECT_EQ(ECI_ASYNC, copyOf(parms.eci_call_type));   // the request's own fields come back
+    EXPECT_EQ(0, memcmp("DELAY   ", parms.eci_program_name, 8));
+    EXPECT_EQ(16, copyOf(parms.commarea_inbound_length));
+    EXPECT_EQ(reply, copyOf(parms.eci_commarea));
+    EXPECT_STREQ("", request);
+}
+
+TEST(EciAsync, QualifierChecks)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    char area[16];
+    memset(area, 0, sizeof area);
+
+    // A qualifier that no slot carries.
+    EciParms unknown = replyBlock(ECI_GET_SPECIFIC_REPLY, 999, area, sizeof area);
+    EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, ZEP_ECI_Execute(conn.token(), &unknown));
+
+    // A slot kept for a synchronous unit of work is not an asynchronous request.
+    EciParms luw = eciBlock(ECI_SYNC, "LUW", area, sizeof area);
+    luw.eci_extend_mode = 1;
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &luw));
+    EciParms syncSlot = replyBlock(ECI_GET_SPECIFIC_REPLY, 1, area, sizeof area);
+    EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, ZEP_ECI_Execute(conn.token(), &syncSlot));
+
+    // A request that is sent but not yet answered.
+    char request[16] = "400";
+    const uint32_t q = startCall(conn.token(), "DELAY", request, sizeof request);
+    ASSERT_NE(0u, q);
+    EXPECT_NE(1u, q);
+    EciParms early = replyBlock(ECI_GET_SPECIFIC_REPLY, q, area, sizeof area);
+    EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(conn.token(), &early));
+    EciParms late = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, q, area, sizeof area);
+    EXPECT_EQ(0, ZEP_ECI_Execute(conn.token(), &late));
+    EXPECT_STREQ("400", area);
+
+    // Collected: the qualifier names a free slot again.
+    EciParms again = replyBlock(ECI_GET_SPECIFIC_REPLY, q, area, sizeof area);
+    EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, ZEP_ECI_Execute(conn.token(), &again));
+
+    EciParms commit = eciBlock(ECI_SYNC, "LUW", area, sizeof area);
+    commit.eci_extend_mode = 2;
+    commit.eci_luw_token = luw.eci_luw_token;
+    EXPECT_EQ(0, ZEP_ECI_Execute(conn.token(), &commit));
+}
+
+TEST(EciAsync, CollectedReplyKeepsItsSlotForAnyLuwTokenNotNegative)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    char area[8] = "luw";
+
+    // Extend mode 1 with a reply token of 0: a synchronous call frees its slot, so slot 1 is free again.
+    EciParms sync = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
+    sync.eci_extend_mode = 1;
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &sync));
+    ASSERT_EQ(0, copyOf(sync.eci_luw_token));
+
+    // The same through an asynchronous call: the collected slot stays kept, not free and not awaiting a reply.
+    EciParms async = eciBlock(ECI_ASYNC, "ECHO", area, sizeof area);
+    async.eci_extend_mode = 1;
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &async));
+    EXPECT_EQ(1u, copyOf(async.eci_message_qualifier));
+    EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, area, sizeof area);
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &collect));
+    EXPECT_EQ(0, copyOf(collect.eci_luw_token));
+    EciParms kept = replyBlock(ECI_GET_SPECIFIC_REPLY, 1, area, sizeof area);
+    EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(conn.token(), &kept));
+    EXPECT_EQ(2u, startCall(conn.token(), "ECHO", area, sizeof area));
+    EciParms last = replyBlock(ECI_GET_REPLY_WAIT, 0, area, sizeof area);
+    EXPECT_EQ(0, ZEP_ECI_Execute(conn.token(), &last));
+}
+
+TEST(EciAsync, TooSmallAreaKeepsTheReplyForASecondTry)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    char request[100];
+    for (size_t i = 0; i < sizeof request; ++i) request[i] = static_cast<char>('0' + i % 10);
+    const uint32_t q = startCall(conn.token(), "REVERSE", request, sizeof request);
+    ASSERT_NE(0u, q);
+
+    char small[50];
+    memset(small, 0x11, sizeof small);
+    EciParms first = replyBlock(ECI_GET_REPLY_WAIT, 0, small, sizeof small);
+    EXPECT_EQ(ECI_ERR_INVALID_DATA_LENGTH, ZEP_ECI_Execute(conn.token(), &first));
+    EXPECT_EQ(100, copyOf(first.eci_commarea_length));
+    for (char c : small) ASSERT_EQ(0x11, c);
+
+    char large[100];
+    EciParms second = replyBlock(ECI_GET_SPECIFIC_REPLY, q, large, sizeof large);
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &second));
+    for (size_t i = 0; i < sizeof large; ++i) ASSERT_EQ(request[99 - i], large[i]) << "byte " << i;
+}
+
+TEST(EciAsync, RepliesComeInOrderAThenB)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    char a[8] = "first";
+    char b[8] = "second";
+    const uint32_t qa = startCall(conn.token(), "UPPER", a, sizeof a);
+    const uint32_t qb = startCall(conn.token(), "ECHO", b, sizeof b);
+    ASSERT_NE(qa, qb);
+
+    char reply[8];
+    EciParms one = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &one));
+    EXPECT_EQ(qa, copyOf(one.eci_message_qualifier));
+    EXPECT_STREQ("FIRST", reply);
+    EciParms two = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &two));
+    EXPECT_EQ(qb, copyOf(two.eci_message_qualifier));
+    EXPECT_STREQ("second", reply);
+    EciParms none = replyBlock(ECI_GET_REPLY, 0, reply, sizeof reply);
+    EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(conn.token(), &none));
+}
+
+TEST(EciAsync, SpecificReplyCanBeTakenOutOfOrder)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    char a[8] = "aaa";
+    char b[8] = "bbb";
+    const uint32_t qa = startCall(conn.token(), "UPPER", a, sizeof a);
+    const uint32_t qb = startCall(conn.token(), "UPPER", b, sizeof b);
+    char reply[8];
+    EciParms second = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, qb, reply, sizeof reply);
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &second));
+    EXPECT_STREQ("BBB", reply);
+    EciParms first = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &first));
+    EXPECT_EQ(qa, copyOf(first.eci_message_qualifier));
+    EXPECT_STREQ("AAA", reply);
+}
+
+TEST(EciAsync, FailedReplyLeavesTheCommareaUntouched)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    const struct {
+        const char* program;
+        const char* data;
+        int rc;
+        const char* abend;
+    } cases[] = {
+        {"ABEND", "not for you", ECI_ERR_TRANSACTION_ABEND, "ZA01"},
+        {"FAIL", "rolled back", ECI_ERR_ROLLEDBACK, "    "},
+        {"FERROR", "61450", ZEP_ERR_GATEWAY_BACK_LEVEL, nullptr},   // an error flow instead of a reply
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.program);
+        char request[16];
+        memset(request, 0, sizeof request);
+        memcpy(request, c.data, strlen(c.data));
+        startCall(conn.token(), c.program, request, sizeof request);
+        char reply[16];
+        memset(reply, 0xEE, sizeof reply);
+        EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+        EXPECT_EQ(c.rc, ZEP_ECI_Execute(conn.token(), &parms));
+        if (c.abend != nullptr) {
+            EXPECT_EQ(0, memcmp(c.abend, parms.eci_abend_code, 4));
+        }
+        for (char ch : reply) ASSERT_EQ(static_cast<char>(0xEE), ch);
+    }
+}
+
+TEST(EciAsync, InboundLengthSizesTheLibraryBuffer)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    char request[40];
+    memset(request, 'r', sizeof request);
+    EciParms parms = eciBlock(ECI_ASYNC, "OVERSIZE", request, sizeof request);
+    parms.commarea_inbound_length = 100;   // capped at the 40 bytes of the area
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
+
+    char reply[40];
+    EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &collect));
+    EXPECT_EQ(40, copyOf(collect.commarea_inbound_length));
+    EXPECT_EQ(0, memcmp(request, reply, sizeof reply));
+}
+
+TEST(EciAsync, ClosingTokenWithOutstandingRequestStillDeliversIt)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    GatewayToken* tok = conn.token();
+    char request[8] = "pending";
+    const uint32_t q = startCall(tok, "UPPER", request, sizeof request);
+    ASSERT_NE(0u, q);
+
+    // The close waits for the outstanding request.
+    TraceCapture trace(1);
+    GatewayToken* closing = tok;
+    auto closer = std::async(std::launch::async, [&closing] { return ZEP_closeGatewayConnection(&closing); });
+    char area[8] = "x";
+    EXPECT_TRUE(eventually([&] {
+        EciParms parms = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
+        return ZEP_ECI_Execute(tok, &parms) == ZEP_ERR_GWTOK_CLOSED;
+    }));
+    EciParms async = eciBlock(ECI_ASYNC, "ECHO", area, sizeof area);
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, ZEP_ECI_Execute(tok, &async));
+    EXPECT_TRUE(trace.has(1503, "API.ZEP_ECI_Execute() ECI_ASYNC call attempted while connection is closing"));
+    EXPECT_TRUE(trace.has(1503, "API.ZEP_ECI_Execute() ECI_SYNC call attempted while connection is closing"));
+    EXPECT_EQ(std::future_status::timeout, closer.wait_for(std::chrono::milliseconds(100)));
+
+    char reply[8];
+    EciParms parms = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, q, reply, sizeof reply);
+    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms));
+    EXPECT_STREQ("PENDING", reply);
+
+    ASSERT_EQ(std::future_status::ready, closer.wait_for(seconds(5)));
+    EXPECT_EQ(0, closer.get());
+    EXPECT_EQ(nullptr, closing);
+    *conn.tokenPtr() = nullptr;
+}
+
+TEST(EciAsync, ClosingTokenWithoutOutstandingRequestsRefusesReplyCalls)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    GatewayToken* tok = conn.token();
+    TraceCapture trace(3);
+
+    // A synchronous call in flight keeps the close waiting.
+    auto caller = std::async(std::launch::async, [tok] {
+        char area[16] = "1500";
+        EciParms parms = eciBlock(ECI_SYNC, "DELAY", area, sizeof area);
+        return ZEP_ECI_Execute(tok, &parms);
+    });
+    ASSERT_TRUE(eventually([&] { return trace.hasId(1517); }));   // the call has registered and is sending
+    GatewayToken* closing = tok;
+    auto closer = std::async(std::launch::async, [&closing] { return ZEP_closeGatewayConnection(&closing); });
+
+    char reply[8];
+    int rc = 0;
+    EXPECT_TRUE(eventually([&] {
+        EciParms parms = replyBlock(ECI_GET_REPLY, 0, reply, sizeof reply);
+        rc = ZEP_ECI_Execute(tok, &parms);
+        return rc != ECI_ERR_NO_REPLY;
+    }));
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, rc);
+    EciParms wait = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, ZEP_ECI_Execute(tok, &wait));
+
+    ASSERT_EQ(std::future_status::ready, caller.wait_for(seconds(10)));
+    EXPECT_EQ(0, caller.get());
+    ASSERT_EQ(std::future_status::ready, closer.wait_for(seconds(10)));
+    EXPECT_EQ(0, closer.get());
+    *conn.tokenPtr() = nullptr;
+}
+
+TEST(EciAsync, WaitingCallEndsWhenTheConnectionIsLost)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    GatewayToken* tok = conn.token();
+    char request[8] = "bye";
+    const uint32_t q = startCall(tok, "HANG", request, sizeof request);
+    auto waiter = std::async(std::launch::async, [tok, q] {
+        char reply[8];
+        EciParms parms = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, q, reply, sizeof reply);
+        return ZEP_ECI_Execute(tok, &parms);
+    });
+    char area[8] = "x";
+    EciParms drop = eciBlock(ECI_SYNC, "DROP", area, sizeof area);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &drop));
+    ASSERT_EQ(std::future_status::ready, waiter.wait_for(seconds(5)));
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, waiter.get());
+
+    EciParms after = eciBlock(ECI_ASYNC, "ECHO", area, sizeof area);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &after));
+}
+
+TEST(EciAsync, FoundReplyIsTracedWithItsQualifier)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    TraceCapture trace(2);
+    char request[8] = "trace";
+    const uint32_t q = startCall(conn.token(), "ECHO", request, sizeof request);
+    char reply[8];
+    EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
+    EXPECT_TRUE(trace.has(1542, "clapi_eci.getAsyncReply() Async reply found, msg qual=" + std::to_string(q)));
+}
+
+}  // namespace
