@@ -497,7 +497,11 @@ static void endConnection(Receiver* r, int loopRc)
         __atomic_store_n(&tok->connRc, r->failRc, __ATOMIC_RELAXED);
         clapiClearEvent(&tok->connEvent);
     }
-    if (loadConnStatus(tok) != CONN_FAILED) failWaitingRequests(r);
+    if (loadConnStatus(tok) != CONN_FAILED) {
+        failWaitingRequests(r);
+        /* Reply collectors waiting with nothing outstanding must wake and see the connection gone. */
+        clapiClearEvent(&tok->asyncReplyEvent);
+    }
     clapiReleaseLock(&tok->tableLock);
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "clapi_internal.h"
 #include "eci_test_support.h"
 #include "trace_capture.h"
 
@@ -324,6 +325,27 @@ TEST(EciAsync, WaitingCallEndsWhenTheConnectionIsLost)
 
     EciParms after = eciBlock(ECI_ASYNC, "ECHO", area, sizeof area);
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &after));
+}
+
+TEST(EciAsync, WaitForAnyReplyWithNothingOutstandingEndsWhenTheConnectionIsLost)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    GatewayToken* tok = conn.token();
+    TraceCapture trace(4);
+    auto waiter = std::async(std::launch::async, [tok] {
+        char reply[8];
+        EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+        return ZEP_ECI_Execute(tok, &parms);
+    });
+    // The collector is asleep on the reply event before the Gateway goes away.
+    const std::string sleeping = "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
+    ASSERT_TRUE(eventually([&] { return trace.has(3119, sleeping); }));
+    char area[8] = "x";
+    EciParms drop = eciBlock(ECI_SYNC, "DROP", area, sizeof area);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &drop));
+    ASSERT_EQ(std::future_status::ready, waiter.wait_for(seconds(5)));
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, waiter.get());
 }
 
 TEST(EciAsync, FoundReplyIsTracedWithItsQualifier)
