@@ -4,6 +4,8 @@
  */
 #include "clapi_channel.h"
 
+#include <limits.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -113,13 +115,12 @@ static void setHeld(Channel* chan, int32_t held)
 }
 
 /* serlock held on entry; still held on a 0 result, released on any other. */
-static int waitUntilFree(Channel* chan)
+static int waitUntilFree(Channel* chan, bool* waitedPtr)
 {
-    bool waited = false;
     while (isHeld(chan)) {
-        if (!waited) {
+        if (!*waitedPtr) {
             TRACE_EVENT(1463, "clapi_channel.lockChannel() Waiting for channel \"%.16s\" (%p)\n", chan->name, (void*)chan);
-            waited = true;
+            *waitedPtr = true;
         }
         if (clapiReleaseLock(&chan->serlock) != 0) {
             TRACE_EXC(1464, "clapi_channel.lockChannel() Failed to release lock for channel (%p)\n", (void*)chan);
@@ -134,8 +135,6 @@ static int waitUntilFree(Channel* chan)
             return ECI_ERR_SYSTEM_ERROR;
         }
     }
-    if (waited) TRACE_EVENT(1468, "clapi_channel.lockChannel() Finished waiting for channel \"%.16s\" (%p)\n",
-                            chan->name, (void*)chan);
     return ECI_NO_ERROR;
 }
 
@@ -153,18 +152,27 @@ static int takeSerlock(Channel* chan, const char* function, int nullId, int notC
     return ECI_NO_ERROR;
 }
 
+/* serlock held on entry. The waiter reports the end of its wait only once it owns the channel. */
+static int markHeld(Channel* chan, bool waited)
+{
+    if (clapiSetEvent(&chan->unlockEvent) != 0) {
+        TRACE_EXC(1467, "clapi_channel.lockChannel() Failed to set unlockEvent for channel (%p)\n", (void*)chan);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    setHeld(chan, 1);
+    if (waited) TRACE_EVENT(1468, "clapi_channel.lockChannel() Finished waiting for channel \"%.16s\" (%p)\n",
+                            chan->name, (void*)chan);
+    return ECI_NO_ERROR;
+}
+
 static int takeChannel(Channel* chan)
 {
     int rc = takeSerlock(chan, "lockChannel", 1461, 1462);
     if (rc != ECI_NO_ERROR) return rc;
-    rc = waitUntilFree(chan);
+    bool waited = false;
+    rc = waitUntilFree(chan, &waited);
     if (rc != ECI_NO_ERROR) return rc;
-    if (clapiSetEvent(&chan->unlockEvent) != 0) {
-        TRACE_EXC(1467, "clapi_channel.lockChannel() Failed to set unlockEvent for channel (%p)\n", (void*)chan);
-        rc = ECI_ERR_SYSTEM_ERROR;
-    } else {
-        setHeld(chan, 1);
-    }
+    rc = markHeld(chan, waited);
     if (clapiReleaseLock(&chan->serlock) != 0) {
         TRACE_EXC(1469, "clapi_channel.lockChannel() Failed to release lock for channel (%p)\n", (void*)chan);
         rc = ECI_ERR_SYSTEM_ERROR;
@@ -511,6 +519,23 @@ static int nullChannel(const ContainerCall& call)
     return ECI_ERR_INVALID_CHANNEL;
 }
 
+/* A container's length goes on the wire in 32 bits; only a 64-bit unsigned long can exceed that. */
+static int checkLength(const ContainerCall& call, int id, unsigned long dataLength)
+{
+#if ULONG_MAX > UINT32_MAX
+    if (dataLength > UINT32_MAX) {
+        TRACE_EXC(id, "API.%s() dataLength %lu exceeds the largest container length %lu\n", call.api, dataLength,
+                  (unsigned long)UINT32_MAX);
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+#else
+    (void)call;
+    (void)id;
+    (void)dataLength;
+#endif
+    return ECI_NO_ERROR;
+}
+
 /* Checks the name and takes the channel. */
 static int openContainerCall(Channel* chan, const char* name)
 {
@@ -617,7 +642,9 @@ static int createContainer(Channel* chanTok, const char* name, int type, int ccs
         return ECI_ERR_INVALID_TYPE;
     }
     if (data == NULL && dataLength != 0) return ECI_ERR_INVALID_DATA_LENGTH;
-    int rc = openContainerCall(chanTok, name);
+    int rc = checkLength(createCall, 1386, dataLength);
+    if (rc != ECI_NO_ERROR) return rc;
+    rc = openContainerCall(chanTok, name);
     if (rc != ECI_NO_ERROR) return rc;
     rc = addNewContainer(chanTok, name, type, ccsid, data, dataLength);
     return closeContainerCall(createCall, chanTok, rc);
@@ -735,7 +762,9 @@ static int setContainerData(Channel* chanTok, const char* name, const void* data
         TRACE_EXC(1357, "API.ECI_setContainerData() data is NULL when dataLength is %lu\n", dataLength);
         return ECI_ERR_INVALID_DATA_LENGTH;
     }
-    int rc = openContainerCall(chanTok, name);
+    int rc = checkLength(setDataCall, 1387, dataLength);
+    if (rc != ECI_NO_ERROR) return rc;
+    rc = openContainerCall(chanTok, name);
     if (rc != ECI_NO_ERROR) return rc;
     Container* cont = findNamed(setDataCall, chanTok, name, NULL);
     rc = cont != NULL ? replaceData(cont, data, dataLength) : ECI_ERR_CONTAINER_NOTFOUND;

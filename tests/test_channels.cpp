@@ -1,6 +1,7 @@
 /* Channels: creation, names, the channel list and its dump, deletion and the channel lock. */
 #include "channel_test_support.h"
 
+#include <stdarg.h>
 #include <string.h>
 
 #include <atomic>
@@ -300,36 +301,150 @@ TEST_F(Channels, DeleteWaitsForTheChannelLockFromAnyThread)
     EXPECT_EQ(chanList, nullptr);
 }
 
-/* Every waiter is woken by one release and exactly one of them takes the channel at a time. */
+/* A waiter writes "Finished waiting" only once it owns the channel: after arming the event, never before. */
+TEST_F(Channels, FinishedWaitingIsWrittenAfterTheEventIsArmed)
+{
+    Channel* chan = newChannel("ORDER");
+    ASSERT_EQ(lockChannel(chan), 0);
+    TraceCapture trace(4);
+    std::thread waiter([chan] { EXPECT_EQ(lockChannel(chan), 0); });
+    bool waiting = waitUntil([&trace] { return trace.hasId(1463); }, std::chrono::seconds(5));
+    EXPECT_EQ(unlockChannel(chan), 0);
+    waiter.join();
+    ASSERT_TRUE(waiting) << "the second locker never waited";
+    EXPECT_EQ(chan->isLocked, 1);
+
+    uint32_t waiterTid = trace.find(1463).front().tid;
+    std::vector<int> ids;
+    for (const TraceRecord& r : trace.records())
+        if (r.tid == waiterTid && (r.id == 1463 || r.id == 3121 || r.id == 1468 || r.id == 1470)) ids.push_back(r.id);
+    EXPECT_EQ(ids, (std::vector<int>{1463, 3121, 1468, 1470}));
+    EXPECT_EQ(unlockChannel(chan), 0);
+}
+
+/* Every waiter is woken by one release and exactly one of them holds the channel at a time. */
 TEST_F(Channels, WaitersTakeTheChannelOneAtATime)
 {
+    const int threads = 4;
+    const int rounds = 50;
     Channel* chan = newChannel("SHARED");
+    TraceCapture trace(2);
     ASSERT_EQ(lockChannel(chan), 0);
-    std::atomic<int> holders{0};
-    std::atomic<int> maxHolders{0};
+    int counter = 0;   /* plain on purpose: only the channel lock keeps the increments apart */
     std::atomic<int> done{0};
     std::vector<std::thread> waiters;
-    for (int i = 0; i < 4; i++) {
+    for (int i = 0; i < threads; i++) {
         waiters.emplace_back([&] {
             char name[17];
-            for (int round = 0; round < 50; round++) {
-                EXPECT_EQ(lockChannel(chan), 0);
-                int now = ++holders;
-                int seen = maxHolders.load();
-                while (now > seen && !maxHolders.compare_exchange_weak(seen, now)) {
-                }
-                --holders;
+            for (int round = 0; round < rounds; round++) {
+                ASSERT_EQ(lockChannel(chan), 0);
+                EXPECT_EQ(__atomic_load_n(&chan->isLocked, __ATOMIC_RELAXED), 1);
+                int seen = counter;
+                std::this_thread::yield();
+                counter = seen + 1;
                 EXPECT_EQ(unlockChannel(chan), 0);
                 EXPECT_EQ(ECI_getChannelName(chan, name), 0);
             }
             ++done;
         });
     }
-    EXPECT_EQ(done.load(), 0);
+    bool allWaiting = waitUntil([&trace] { return trace.find(1463).size() == (size_t)threads; },
+                                std::chrono::seconds(5));
     EXPECT_EQ(unlockChannel(chan), 0);
-    ASSERT_TRUE(waitUntil([&done] { return done.load() == 4; })) << done.load() << " of 4 waiters finished";
+    bool allDone = waitUntil([&done] { return done.load() == threads; });
     for (std::thread& t : waiters) t.join();
-    EXPECT_EQ(maxHolders.load(), 1);
+    EXPECT_TRUE(allWaiting) << trace.find(1463).size() << " of " << threads << " lockers waited";
+    ASSERT_TRUE(allDone) << done.load() << " of " << threads << " waiters finished";
+    EXPECT_EQ(counter, threads * rounds);
+    EXPECT_EQ(chan->isLocked, 0);
+}
+
+/* What the entry records are given: a channel with one container, and the caller's buffers. */
+struct EntryFixture {
+    Channel*      chan;
+    Channel*      spare;
+    ContainerInfo info;
+    char          buffer[17];
+    unsigned long count;
+    int           ccsid;
+};
+
+struct EntryCase {
+    const char* label;
+    int         id;
+    void (*call)(EntryFixture& f);
+    std::string (*expected)(EntryFixture& f);
+};
+
+std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
+
+std::string format(const char* pattern, ...)
+{
+    char text[512];
+    va_list args;
+    va_start(args, pattern);
+    vsnprintf(text, sizeof text, pattern, args);
+    va_end(args);
+    return text;
+}
+
+#define ENTRY_CALL(expr) [](EntryFixture& f) { (void)f; (void)(expr); }
+#define ENTRY_TEXT(...) [](EntryFixture& f) { (void)f; return format(__VA_ARGS__); }
+
+/* Lengths above 2^31 show that unsigned longs are printed unsigned. */
+const EntryCase entryCases[] = {
+    {"createChannelNullName", 1300, ENTRY_CALL(ECI_createChannel(NULL, &f.spare)),
+     ENTRY_TEXT("API.ECI_createChannel(name=NULL, tokPtr=%p)", (void*)&f.spare)},
+    {"createChannel", 1300, ENTRY_CALL(ECI_createChannel("NEWCHAN", &f.spare)),
+     ENTRY_TEXT("API.ECI_createChannel(name=NEWCHAN, tokPtr=%p)", (void*)&f.spare)},
+    {"getChannelName", 1320, ENTRY_CALL(ECI_getChannelName(f.chan, f.buffer)),
+     ENTRY_TEXT("API.ECI_getChannelName(chanTok=%p, nameBuffer=%p)", (void*)f.chan, (void*)f.buffer)},
+    {"createContainerNullName", 1325, ENTRY_CALL(ECI_createContainer(f.chan, NULL, 2, 1208, NULL, 3000000000UL)),
+     ENTRY_TEXT("API.ECI_createContainer(chanTok=%p, name=NULL, type=2, ccsid=1208, data=(nil), dataLength=3000000000)",
+                (void*)f.chan)},
+    {"createContainer", 1325, ENTRY_CALL(ECI_createContainer(f.chan, "NEW", 1, -5, f.buffer, 4)),
+     ENTRY_TEXT("API.ECI_createContainer(chanTok=%p, name=NEW, type=1, ccsid=-5, data=%p, dataLength=4)",
+                (void*)f.chan, (void*)f.buffer)},
+    {"deleteContainerNullName", 1338, ENTRY_CALL(ECI_deleteContainer(f.chan, NULL)),
+     ENTRY_TEXT("API.ECI_deleteContainer(chanTok=%p, name=NULL)", (void*)f.chan)},
+    {"getContainerDataNullName", 1347,
+     ENTRY_CALL(ECI_getContainerData(f.chan, NULL, f.buffer, 3000000000UL, 4000000000UL, &f.count)),
+     ENTRY_TEXT("API.ECI_getContainerData(chanTok=%p, name=NULL, buffer=%p, length=3000000000, offset=4000000000, "
+                "bytesReadPtr=%p)",
+                (void*)f.chan, (void*)f.buffer, (void*)&f.count)},
+    {"getContainerData", 1347, ENTRY_CALL(ECI_getContainerData(f.chan, "DATA", f.buffer, 8, 1, NULL)),
+     ENTRY_TEXT("API.ECI_getContainerData(chanTok=%p, name=DATA, buffer=%p, length=8, offset=1, bytesReadPtr=(nil))",
+                (void*)f.chan, (void*)f.buffer)},
+    {"setContainerDataNullName", 1355, ENTRY_CALL(ECI_setContainerData(f.chan, NULL, f.buffer, 3000000000UL)),
+     ENTRY_TEXT("API.ECI_setContainerData(chanTok=%p, name=NULL, data=%p, dataLength=3000000000)", (void*)f.chan,
+                (void*)f.buffer)},
+    {"getContainerInfoNullName", 1364, ENTRY_CALL(ECI_getContainerInfo(f.chan, NULL, &f.info)),
+     ENTRY_TEXT("API.ECI_getContainerInfo(chanTok=%p, name=NULL, infoPtr=%p)", (void*)f.chan, (void*)&f.info)},
+    {"getFirstContainer", 1370, ENTRY_CALL(ECI_getFirstContainer(f.chan, &f.info)),
+     ENTRY_TEXT("API.ECI_getFirstContainer(chanTok=%p, infoPtr=%p)", (void*)f.chan, (void*)&f.info)},
+    {"getNextContainer", 1377, ENTRY_CALL(ECI_getNextContainer(f.chan, NULL)),
+     ENTRY_TEXT("API.ECI_getNextContainer(chanTok=%p, infoPtr=(nil))", (void*)f.chan)},
+    {"getCurrentCcsid", 1435, ENTRY_CALL(getCurrentCcsid(&f.ccsid)),
+     ENTRY_TEXT("clapi_channel.getCurrentCcsid(ccsidPtr=%p)", (void*)&f.ccsid)},
+    {"dumpChannels", 1410, ENTRY_CALL(ZEP_ECI_dumpChannels()), ENTRY_TEXT("API.ZEP_ECI_dumpChannels()")},
+    {"deleteChannel", 1310, ENTRY_CALL(ECI_deleteChannel(&f.spare)),
+     ENTRY_TEXT("API.ECI_deleteChannel(tokPtr=%p)", (void*)&f.spare)},
+    {"deleteAllChannels", 1425, ENTRY_CALL(ECI_deleteAllChannels()), ENTRY_TEXT("API.ECI_deleteAllChannels()")},
+};
+
+TEST_F(Channels, EveryCallsEntryRecordShowsItsArguments)
+{
+    EntryFixture f = {};
+    f.chan = newChannel("CHAN");
+    ASSERT_EQ(ECI_createContainer(f.chan, "DATA", ECI_BIT, 0, "0123456789", 10), 0);
+    TraceCapture trace(3);
+    for (const EntryCase& c : entryCases) {
+        SCOPED_TRACE(c.label);
+        trace.clear();
+        std::string expected = "ENTRY " + c.expected(f);   /* before the call: deleting clears the token */
+        c.call(f);
+        EXPECT_EQ(onlyRecord(trace, c.id), expected);
+    }
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <atomic>
+#include <future>
+
 namespace {
 
 using Containers = ChannelTest;
@@ -311,11 +314,13 @@ TEST_F(Containers, DeleteZeroesAndFreesWithItsRecords)
     EXPECT_EQ(ECI_getContainerInfo(chan, "GONE", &info), ECI_ERR_CONTAINER_NOTFOUND);
 }
 
-/* A length that cannot be allocated is a return code, never a crash; on i386 such a length is under 4 GiB. */
+/* A length that cannot be allocated is a return code, never a crash. Only on i386 is such a length within the
+   32 bits that a container may carry; on x86-64 every unallocatable length is longer and refused before. */
 const unsigned long hugeLength = ULONG_MAX - 0xFF;
 
 TEST_F(Containers, UnallocatableLengthIsAMemoryShortage)
 {
+    if (sizeof(unsigned long) > 4) GTEST_SKIP() << "every unallocatable length is refused as too long here";
     Channel* chan = newChannel("CHAN");
     char small[16] = {};
     TraceCapture trace(1);
@@ -332,6 +337,112 @@ TEST_F(Containers, UnallocatableLengthIsAMemoryShortage)
     EXPECT_EQ(fieldsOf(chan, "SMALL").dataLength, 0u);   /* left with no data */
     EXPECT_EQ(chan->firstCont->dataPtr, nullptr);
     EXPECT_EQ(chan->isLocked, 0);
+}
+
+/* Lengths beyond 32 bits cannot go on the wire: refused before the channel is taken, the container untouched. */
+TEST_F(Containers, LengthBeyondThirtyTwoBitsIsRefused)
+{
+    if (sizeof(unsigned long) <= 4) GTEST_SKIP() << "an unsigned long cannot exceed 32 bits here";
+    Channel* chan = newChannel("CHAN");
+    ASSERT_EQ(ECI_createContainer(chan, "SMALL", ECI_BIT, 0, "12345", 5), 0);
+    char small[16] = {};
+    const unsigned long over = 0xFFFFFFFFUL + 1;
+    for (unsigned long length : {over, hugeLength}) {
+        SCOPED_TRACE(length);
+        TraceCapture trace(4);
+        EXPECT_EQ(ECI_createContainer(chan, "BIG", ECI_BIT, 0, small, length), ECI_ERR_INVALID_DATA_LENGTH);
+        EXPECT_EQ(ECI_setContainerData(chan, "SMALL", small, length), ECI_ERR_INVALID_DATA_LENGTH);
+        std::vector<std::string> exceptions;
+        for (const TraceRecord& r : trace.records())
+            if (r.type == "*EXC*") exceptions.push_back(std::to_string(r.id) + " " + r.message);
+        std::vector<std::string> expected = {
+            "1386 API.ECI_createContainer() dataLength " + std::to_string(length) +
+                " exceeds the largest container length 4294967295",
+            "1387 API.ECI_setContainerData() dataLength " + std::to_string(length) +
+                " exceeds the largest container length 4294967295"};
+        EXPECT_EQ(exceptions, expected);
+        EXPECT_EQ(recordTexts(trace, 1337), std::vector<std::string>{
+                                                "EXIT API.ECI_createContainer() rc=-1 (ECI_ERR_INVALID_DATA_LENGTH)"});
+        EXPECT_EQ(recordTexts(trace, 1363), std::vector<std::string>{
+                                                "EXIT API.ECI_setContainerData() rc=-1 (ECI_ERR_INVALID_DATA_LENGTH)"});
+        EXPECT_FALSE(trace.hasId(1460)) << "the channel was taken";
+    }
+    EXPECT_EQ(chan->numContainers, 1);
+    char buffer[8] = {};
+    unsigned long count = 0;
+    ASSERT_EQ(ECI_getContainerData(chan, "SMALL", buffer, sizeof buffer, 0, &count), 0);
+    EXPECT_EQ(std::string(buffer, count), "12345");
+}
+
+/* ---------------------------------------------------------------- waiting for the channel */
+
+struct HeldFixture {
+    Channel*      chan;
+    ContainerInfo info;
+    char          buffer[17];
+    unsigned long count;
+};
+
+struct HeldCase {
+    const char* label;
+    int (*call)(HeldFixture& f);
+    std::string (*effect)(HeldFixture& f);   /* what the call did, read after it returned */
+    const char* expected;
+};
+
+#define HELD(expr) [](HeldFixture& f) -> int { return expr; }
+#define SEEN(expr) [](HeldFixture& f) -> std::string { return expr; }
+
+std::string dataOf(Channel* chan, const char* name)
+{
+    char buffer[32];
+    unsigned long count = 0;
+    int rc = ECI_getContainerData(chan, name, buffer, sizeof buffer, 0, &count);
+    return rc == 0 ? std::string(buffer, count) : "rc=" + std::to_string(rc);
+}
+
+const HeldCase heldCases[] = {
+    {"create", HELD(ECI_createContainer(f.chan, "NEW", ECI_BIT, 0, "new", 3)), SEEN(dataOf(f.chan, "NEW")), "new"},
+    {"delete", HELD(ECI_deleteContainer(f.chan, "DATA")), SEEN(dataOf(f.chan, "DATA")), "rc=-58"},
+    {"getData", HELD(ECI_getContainerData(f.chan, "DATA", f.buffer, 4, 2, &f.count)),
+     SEEN(std::string(f.buffer, f.count)), "2345"},
+    {"setData", HELD(ECI_setContainerData(f.chan, "DATA", "replaced", 8)), SEEN(dataOf(f.chan, "DATA")), "replaced"},
+    {"info", HELD(ECI_getContainerInfo(f.chan, "DATA", &f.info)), SEEN(std::to_string(f.info.dataLength)), "10"},
+    {"first", HELD(ECI_getFirstContainer(f.chan, &f.info)), SEEN(f.info.name), "DATA"},
+    {"next", HELD(ECI_getNextContainer(f.chan, &f.info)), SEEN(f.info.name), "DATA"},
+    {"channelName", HELD(ECI_getChannelName(f.chan, f.buffer)), SEEN(f.buffer), "HELD"},
+};
+
+/* Every call on a channel that another thread holds waits for the release, then does its work. */
+TEST_F(Containers, CallsWaitWhileAnotherThreadHoldsTheChannel)
+{
+    for (const HeldCase& c : heldCases) {
+        SCOPED_TRACE(c.label);
+        HeldFixture f = {};
+        f.chan = newChannel("HELD");
+        ASSERT_EQ(ECI_createContainer(f.chan, "DATA", ECI_BIT, 0, "0123456789", 10), 0);
+        std::thread([&f] { EXPECT_EQ(lockChannel(f.chan), 0); }).join();
+        TraceCapture trace(2);
+        std::atomic<bool> returned{false};
+        std::future<int> result = std::async(std::launch::async, [&c, &f, &returned] {
+            int rc = c.call(f);
+            returned = true;
+            return rc;
+        });
+        bool waited = waitUntil([&trace] { return trace.hasId(1463); }, std::chrono::seconds(5));
+        bool early = result.wait_for(std::chrono::milliseconds(50)) != std::future_status::timeout;
+        EXPECT_EQ(unlockChannel(f.chan), 0);
+        ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+        EXPECT_TRUE(waited) << "the call never waited for the channel";
+        EXPECT_FALSE(early) << "the call returned while the channel was held";
+        EXPECT_EQ(result.get(), 0);
+        EXPECT_TRUE(returned);
+        EXPECT_EQ(c.effect(f), c.expected);
+        EXPECT_EQ(onlyRecord(trace, 1468),
+                  "EVENT clapi_channel.lockChannel() Finished waiting for channel \"HELD\" (" + hexPtr(f.chan) + ")");
+        EXPECT_EQ(f.chan->isLocked, 0);
+        EXPECT_EQ(ECI_deleteChannel(&f.chan), 0);
+    }
 }
 
 /* ---------------------------------------------------------------- argument checks */

@@ -132,7 +132,15 @@ INSTANTIATE_TEST_SUITE_P(
         LangCase{"zh_CN_GB18030", MAPPED("zh_CN.GB18030", 1383)}, LangCase{"zh_HK", MAPPED("zh_HK", 1383)},
         LangCase{"big5", MAPPED("big5", 950)}, LangCase{"tchinese", MAPPED("tchinese", 964)},
         LangCase{"ar_EG", MAPPED("ar_EG", 1089)}, LangCase{"sk_SK", MAPPED("sk_SK", 912)},
-        LangCase{"tr_TR", MAPPED("tr_TR", 920)}, LangCase{"ko_KR", MAPPED("ko_KR", 970)}),
+        LangCase{"tr_TR", MAPPED("tr_TR", 920)}, LangCase{"ko_KR", MAPPED("ko_KR", 970)},
+        LangCase{"bu_BG", MAPPED("bu_BG", 915)}, LangCase{"cs_CZ", MAPPED("cs_CZ", 912)},
+        LangCase{"el_GR", MAPPED("el_GR", 813)}, LangCase{"hr_HR", MAPPED("hr_HR", 912)},
+        LangCase{"hu_HU", MAPPED("hu_HU", 912)}, LangCase{"iw_IL", MAPPED("iw_IL", 916)},
+        LangCase{"ji_IL", MAPPED("ji_IL", 916)}, LangCase{"lv_LV", MAPPED("lv_LV", 912)},
+        LangCase{"mk_MK", MAPPED("mk_MK", 915)}, LangCase{"pl_PL", MAPPED("pl_PL", 912)},
+        LangCase{"ro_RO", MAPPED("ro_RO", 912)}, LangCase{"ru_RU_KOI8R", MAPPED("ru_RU.KOI8-R", 915)},
+        LangCase{"sh_YU", MAPPED("sh_YU", 912)}, LangCase{"sl_SI", MAPPED("sl_SI", 912)},
+        LangCase{"sr_RS", MAPPED("sr_RS", 915)}),
     [](const ::testing::TestParamInfo<LangCase>& info) { return std::string(info.param.label); });
 
 }  // namespace
