@@ -1,20 +1,20 @@
 # The front door: `make` builds both flavours, `make test` runs every test in both, `make demo` shows it working.
 JOBS      ?= 2
 FLAVOURS  := 32 64
-CMAKE_ARGS_32 := -DZEP_M32=ON
-CMAKE_ARGS_64 :=
 
-.PHONY: all deps build test demo clean $(addprefix configure-,$(FLAVOURS))
+.PHONY: all deps build test demo clean configure
 
 all: build
 
 deps:
 	@scripts/ensure-deps.sh
 
-configure-%: deps
-	@[ -f build/$*/CMakeCache.txt ] || cmake -S . -B build/$* $(CMAKE_ARGS_$*) >/dev/null
+configure: deps
+	@for f in $(FLAVOURS); do \
+	  [ -f build/$$f/CMakeCache.txt ] || cmake -S . -B build/$$f $$( [ $$f = 32 ] && echo -DZEP_M32=ON ) >/dev/null || exit 1; \
+	done
 
-build: $(addprefix configure-,$(FLAVOURS))
+build: configure
 	@for f in $(FLAVOURS); do cmake --build build/$$f -j$(JOBS) || exit 1; done
 
 test: build
