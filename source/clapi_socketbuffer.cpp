@@ -18,6 +18,13 @@ static unsigned long ul(uint32_t value)
     return (unsigned long)value;
 }
 
+/* explicit_bzero: a plain memset right before free is a dead store the compiler may drop. */
+static void zeroAndFree(void* block, size_t length)
+{
+    explicit_bzero(block, length);
+    free(block);
+}
+
 /* The text of an errno value; strerror's own buffer is not safe across the receiver and the senders. */
 static const char* errorText(int code, char* buffer, size_t size)
 {
@@ -38,8 +45,7 @@ static int initBuffer(SocketBuffer* sb, int socketDesc, uint32_t dataLen, int ex
     uint32_t size = sb->bufferSize;
     if (block == NULL || size < wanted) {
         if (block != NULL) {
-            memset(block, 0, size);
-            free(block);
+            zeroAndFree(block, size);
             /* The old block is gone: a later freeBuffer must not release it a second time. */
             sb->buffer = NULL;
             sb->bufferSize = 0;
@@ -344,32 +350,61 @@ void writePaddedBytes(SocketBuffer* sb, const void* data, uint32_t dataLen, uint
     putBytes(sb, data, dataLen < fieldLen ? dataLen : fieldLen, fieldLen);
 }
 
-/* Every output byte is computed from clear input bytes; the receiver undoes it front to back. */
-static void scramble(uint8_t* out, const uint8_t* in, uint32_t n)
+/*
+ * Scrambles the clear bytes [from, from + n) of a field into `out`. Every output byte is computed from clear
+ * bytes only (itself and the one before), so a field can be scrambled piece by piece; the receiver undoes it
+ * front to back.
+ */
+static void scramble(uint8_t* out, const uint8_t* clear, uint32_t from, uint32_t n)
 {
-    for (uint32_t i = n - 1; i >= 1; i--) out[i] = in[i] ^ in[i - 1];
-    out[0] = (uint8_t)~in[0];
+    for (uint32_t i = 0; i < n; i++) {
+        uint32_t at = from + i;
+        out[i] = at == 0 ? (uint8_t)~clear[0] : (uint8_t)(clear[at] ^ clear[at - 1]);
+    }
 }
 
-static void writeMasked(SocketBuffer* sb, const void* data, uint32_t dataLen, uint32_t fieldLen, int debugId)
+/* Puts bytes [from, from + width) of a masked field at the cursor and notes where they lie for the DATA dump. */
+static bool putMaskedPiece(SocketBuffer* sb, const uint8_t* clear, uint32_t dataLen, uint32_t from, uint32_t width)
 {
-    if (!roomForField(sb, fieldLen, debugId)) return;
-    MaskArea* area = (MaskArea*)malloc(sizeof(MaskArea) + fieldLen);
+    MaskArea* area = (MaskArea*)malloc(sizeof(MaskArea) + width);
     if (area == NULL) {
         sb->errorCode = ENOMEM;
-        TRACE_EXC(2573, "Failed to allocate %lu bytes for masked field\n", ul(fieldLen));
-        return;
+        TRACE_EXC(2573, "Failed to allocate %lu bytes for masked field\n", ul(width));
+        return false;
     }
     area->bufferPos = sb->cursor;
-    area->length = fieldLen;
+    area->length = width;
     area->saveArea = (uint8_t*)(area + 1);
     area->next = sb->maskList;
     sb->maskList = area;
-    uint32_t n = dataLen < fieldLen ? dataLen : fieldLen;
-    if (n > 0) scramble(sb->cursor, (const uint8_t*)data, n);
+    uint32_t n = from < dataLen ? dataLen - from : 0;
+    if (n > width) n = width;
+    if (n > 0) scramble(sb->cursor, clear, from, n);
     /* The padding bytes are left as the block held them. */
-    sb->cursor += fieldLen;
-    sb->bytesInBuffer += fieldLen;
+    sb->cursor += width;
+    sb->bytesInBuffer += width;
+    return true;
+}
+
+/*
+ * A field that does not fit behind what is buffered is written after a flush; one larger than the whole
+ * buffer goes out in buffer-sized pieces, so the message still carries every byte it announced.
+ */
+static void writeMasked(SocketBuffer* sb, const void* data, uint32_t dataLen, uint32_t fieldLen, int debugId)
+{
+    if (sb->errorCode == 0 && sb->bufferSize - sb->bytesInBuffer < fieldLen) {
+        TRACE_DEBUG(debugId, "Insufficient space in buffer %p to write %lu bytes\n", (void*)sb, ul(fieldLen));
+        flushBuffer(sb);
+    }
+    const uint8_t* clear = (const uint8_t*)data;
+    uint32_t n = dataLen < fieldLen ? dataLen : fieldLen;
+    uint32_t from = 0;
+    while (from < fieldLen && makeRoom(sb, 1)) {
+        uint32_t room = sb->bufferSize - sb->bytesInBuffer;
+        uint32_t width = fieldLen - from < room ? fieldLen - from : room;
+        if (!putMaskedPiece(sb, clear, n, from, width)) return;
+        from += width;
+    }
 }
 
 void writeBytesMasked(SocketBuffer* sb, const void* data, uint32_t dataLen)
@@ -425,8 +460,7 @@ int freeBuffer(SocketBuffer* sb)
     TRACE_ENTRY(2516, "clapi_socketbuffer.freeBuffer(sb=%p)\n", (void*)sb);
     int rc = 0;
     if (sb->buffer != NULL) {
-        memset(sb->buffer, 0, sb->bufferSize);
-        free(sb->buffer);
+        zeroAndFree(sb->buffer, sb->bufferSize);
         freeMaskArea(sb->maskList);
     } else {
         TRACE_EXC(2517, "Buffer not initialized: %p\n", (void*)sb);
@@ -437,18 +471,33 @@ int freeBuffer(SocketBuffer* sb)
     return rc;
 }
 
-int waitForResponse(SocketBuffer* sb, int timeout)
+/* Readiness as select reports it: a descriptor that is not open is an error (EBADF), never a ready one. */
+static int pollReadable(int socketDesc, int waitMs)
 {
-    TRACE_ENTRY(2522, "clapi_socketbuffer.waitForResponse(sb=%p, timeout=%d)\n", (void*)sb, timeout);
+    if (socketDesc < 0) {
+        errno = EBADF;
+        return -1;
+    }
     struct pollfd readable;
-    readable.fd = sb->socketDesc;
+    readable.fd = socketDesc;
     readable.events = POLLIN;
     readable.revents = 0;
-    int waitMs = timeout <= 0 ? -1 : timeout > 2000000 ? 2000000000 : timeout * 1000;
     int ready;
     do {
         ready = poll(&readable, 1, waitMs);
     } while (ready < 0 && errno == EINTR);
+    if (ready > 0 && (readable.revents & POLLNVAL) != 0) {
+        errno = EBADF;
+        return -1;
+    }
+    return ready;
+}
+
+int waitForResponse(SocketBuffer* sb, int timeout)
+{
+    TRACE_ENTRY(2522, "clapi_socketbuffer.waitForResponse(sb=%p, timeout=%d)\n", (void*)sb, timeout);
+    int waitMs = timeout <= 0 ? -1 : timeout > 2000000 ? 2000000000 : timeout * 1000;
+    int ready = pollReadable(sb->socketDesc, waitMs);
     int rc = 0;
     if (ready == 0) {
         TRACE_EXC(2504, "Timed out waiting for handshake response\n");
@@ -467,8 +516,7 @@ void freeMaskArea(MaskArea* area)
 {
     while (area != NULL) {
         MaskArea* next = area->next;
-        memset(area, 0, sizeof(MaskArea) + area->length);
-        free(area);
+        zeroAndFree(area, sizeof(MaskArea) + area->length);
         area = next;
     }
 }

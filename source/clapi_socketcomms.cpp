@@ -289,10 +289,11 @@ static int32_t channelSize(const Channel* channel)
     return size;
 }
 
+/* explicit_bzero: a plain memset right before free is a dead store the compiler may drop. */
 static void zeroAndFree(void* block, size_t length)
 {
     if (block == NULL) return;
-    memset(block, 0, length);
+    explicit_bzero(block, length);
     free(block);
 }
 
@@ -327,7 +328,7 @@ static int readContainerData(SocketBuffer* sb, uint8_t* block, unsigned long len
     readBytes(sb, block, (uint32_t)length);
     int rc = readFailure(sb);
     if (rc != 0) {
-        memset(block, 0, length);
+        explicit_bzero(block, length);
         return rc;
     }
     TRACE_DATA(dataId, block, length, "data=%p len=%lu stopword=%8.8X\n", (void*)block, length, 0u);
@@ -348,7 +349,7 @@ int addContainer(SocketBuffer* sb, Channel* channel, Container* record)
             rc = ZEP_ERR_MALLOCFAIL;
         } else {
             rc = readContainerData(sb, data, record->dataLength, 3224, 3225);
-            if (rc != 0) free(data);
+            if (rc != 0) free(data);   /* readContainerData has wiped whatever arrived */
         }
     }
     if (rc == 0) {
@@ -433,11 +434,17 @@ int modifyContainer(SocketBuffer* sb, Channel* channel, Container* record)
         TRACE_EXC(3233, "Container \"%.16s\" not found in channel \"%.16s\"\n", record->name, channel->name);
         rc = ZEP_ERR_SYSTEM_ERROR;
     } else {
+        bool keepsOldData = record->dataLength == container->dataLength;
         rc = resizeContainerData(container, record->dataLength);
         if (rc == 0 && record->dataLength != 0) {
             rc = readContainerData(sb, container->dataPtr, record->dataLength, 3233, 3235);
             if (rc != 0) {
-                free(container->dataPtr);
+                /* A reused block still holds the old data; a new one only what readContainerData wiped. */
+                if (keepsOldData) {
+                    zeroAndFree(container->dataPtr, container->dataLength);
+                } else {
+                    free(container->dataPtr);
+                }
                 container->dataPtr = NULL;
                 container->dataLength = 0;
             }
@@ -692,7 +699,12 @@ static int readProgramReply(SocketBuffer* sb, EciRequest* request)
     if (rc != 0) return rc;
     if (request->commareaLength < 0 || dataLength < 0) return badReplyLength(request->commareaLength, dataLength);
     request->inboundLength = 0;
-    if (!isDataless(request->extendMode)) readReplyData(sb, request, dataLength, request->commareaLength);
+    /* Without a COMMAREA to fill the data bytes are still on the wire, ahead of the channel flag. */
+    if (isDataless(request->extendMode)) {
+        skipBytes(sb, (uint32_t)dataLength);
+    } else {
+        readReplyData(sb, request, dataLength, request->commareaLength);
+    }
     if (readByte(sb) != 0) rc = readReplyChannel(sb, request->channel);
     return rc;
 }
@@ -789,6 +801,12 @@ int clapiReadESIResponse(SocketBuffer* sb, EsiReply* reply)
         readEsiTime(sb, &reply->details.esiTime2);
         reply->details.esiCount = readInt(sb);
         rc = reply->details.esiCount;
+    }
+    /* A reply cut short must not pass for a verified password. */
+    int failed = readFailure(sb);
+    if (failed != 0) {
+        reply->returnCode = failed;
+        rc = failed;
     }
     TRACE_EXIT(3242, "clapi_socketcomms.clapiReadESIResponse() rc=%d\n", rc);
     return rc;

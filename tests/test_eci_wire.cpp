@@ -32,21 +32,28 @@ struct ProgramCall {
     EciRequest request;
 };
 
-/* Sends the request and returns the payload that went over, after checking the header. */
+/*
+ * Sends the request and returns every payload byte that went over; the header on the wire and the header
+ * handed back must both announce exactly that many bytes.
+ */
 Bytes sentPayload(EciRequest* request, int32_t messageId = 3)
 {
     SocketPair pair;
     FlowHeader header = eciHeader(messageId);
-    int32_t size = calculateECIRequestSize(request);
     Bytes wire;
-    std::thread reader([&] { wire = pair.take(32 + (size_t)(size > 0 ? size : 0)); });
+    std::thread reader([&] { wire = pair.takeUntilEnd(); });
     EXPECT_EQ(0, clapiFlowECIRequest(pair.lib, &header, request));
+    shutdown(pair.lib, SHUT_WR);
     reader.join();
-    EXPECT_EQ(size, header.payloadLength);
-    EXPECT_TRUE(pair.drain().empty()) << "more bytes than the size announced";
-    if (wire.size() < 32) return Bytes();
-    EXPECT_EQ(hex(Wire().header(1, messageId, "ECI", size).b), hex(Bytes(wire.begin(), wire.begin() + 32)));
-    return Bytes(wire.begin() + 32, wire.end());
+    if (wire.size() < 32) {
+        ADD_FAILURE() << "only " << wire.size() << " bytes went over";
+        return Bytes();
+    }
+    Bytes payload(wire.begin() + 32, wire.end());
+    EXPECT_EQ(hex(Wire().header(1, messageId, "ECI", (int32_t)payload.size()).b),
+              hex(Bytes(wire.begin(), wire.begin() + 32)));
+    EXPECT_EQ((int32_t)payload.size(), header.payloadLength);
+    return payload;
 }
 
 /* Fields 1 to 14 of a program call with the ProgramCall defaults. */
@@ -65,6 +72,7 @@ Wire& trailer(Wire& w, int32_t timeout = 30, int32_t correlator = 5)
 
 TEST(EciRequestFlow, HundredByteCommareaGivesTheHundredEightyFiveBytePayload)
 {
+    TraceCapture trace(3);
     ProgramCall call(100);
     Bytes payload = sentPayload(&call.request);
     Wire expected = programCallHead();
@@ -72,6 +80,24 @@ TEST(EciRequestFlow, HundredByteCommareaGivesTheHundredEightyFiveBytePayload)
     trailer(expected);
     EXPECT_EQ(185u, payload.size());
     EXPECT_EQ(hex(expected.b), hex(payload));
+    EXPECT_EQ(std::vector<std::string>({"EXIT calculateECIRequestSize() requestSize=185"}), messages(trace, 3203));
+}
+
+TEST(EciRequestFlow, DataTraceShowsThePasswordAsAsterisks)
+{
+    TraceCapture trace(4);
+    ProgramCall call(10);
+    call.request.password = "pw";
+    Bytes payload = sentPayload(&call.request);
+    ASSERT_EQ(15u + 68u + 2u + 10u, payload.size());
+    std::vector<TraceRecord> data = trace.find(2526);
+    ASSERT_EQ(1u, data.size());
+    /* Header 32 bytes, then fields 1 to 9 take 49 bytes before the password. */
+    Wire shown = Wire().header(1, 3, "ECI", (int32_t)payload.size());
+    shown.raw(Bytes(payload.begin(), payload.begin() + 49)).fill(2, 0x2A);
+    shown.raw(Bytes(payload.begin() + 51, payload.end()));
+    EXPECT_EQ(hex(shown.b), hex(dumpedBytes(trace.linesAfter(data[0]))));
+    EXPECT_EQ(hex(scrambled("pw")), hex(Bytes(payload.begin() + 49, payload.begin() + 51)));
 }
 
 TEST(EciRequestFlow, OutboundLengthSendsOnlyThatManyBytes)
@@ -115,6 +141,22 @@ TEST(EciRequestFlow, NullUseridAndPasswordSendZerosAndNoPassword)
     trailer(expected);
     EXPECT_EQ(15u + 68u, payload.size());
     EXPECT_EQ(hex(expected.b), hex(payload));
+}
+
+TEST(EciRequestFlow, PasswordLongerThanTheBufferGoesOutWholeAndScrambled)
+{
+    std::string password = varied(40000);
+    ProgramCall call(10);
+    call.request.password = password.c_str();
+    Bytes payload = sentPayload(&call.request);
+    ASSERT_EQ(15u + 68u + 40000u + 10u, payload.size());
+    /* Fields 1 to 8 take 45 bytes; the length, then the password. */
+    EXPECT_EQ("00 00 9C 40 ", hex(Bytes(payload.begin() + 45, payload.begin() + 49)));
+    EXPECT_TRUE(password == unscrambled(Bytes(payload.begin() + 49, payload.begin() + 49 + 40000)));
+    Wire rest;
+    rest.text("PROG1   ").text("TRN1").i32(0).i32(10).u8(0).u8(0).raw(call.commarea).u8(0);
+    trailer(rest);
+    EXPECT_EQ(hex(rest.b), hex(Bytes(payload.begin() + 49 + 40000, payload.end())));
 }
 
 TEST(EciRequestFlow, LongUseridIsCutAtSixteen)
@@ -257,10 +299,10 @@ int decode(SocketPair& pair, const Bytes& payload, EciRequest* request)
     return rc;
 }
 
-Wire programReply(int32_t commareaLength)
+Wire programReply(int32_t commareaLength, int32_t kind = ECI_KIND_PROGRAM)
 {
     Wire w;
-    w.i32(1).i32(0x10203040).i32(0).i32(-7).text("AB12").i32(commareaLength);
+    w.i32(kind).i32(0x10203040).i32(0).i32(-7).text("AB12").i32(commareaLength);
     return w;
 }
 
@@ -284,12 +326,18 @@ TEST(EciReply, ShortDataFillTheAreaAndZeroTheRestOfTheCommarea)
 
 TEST(EciReply, WithoutDataFlagTheDataLengthIsTheCommareaLength)
 {
-    SocketPair pair;
-    ReplyTarget target(8);
-    Bytes payload = programReply(8).u8(0).raw({1, 2, 3, 4, 5, 6, 7, 8}).u8(0).b;
-    EXPECT_EQ(0, decode(pair, payload, &target.request));
-    EXPECT_EQ(8, target.request.inboundLength);
-    EXPECT_EQ("01 02 03 04 05 06 07 08 5A ", hex(target.area));
+    for (int32_t kind : {ECI_KIND_PROGRAM, ECI_KIND_ALT_TRANSID}) {
+        SocketPair pair;
+        ReplyTarget target(8);
+        Bytes payload = programReply(8, kind).u8(0).raw({1, 2, 3, 4, 5, 6, 7, 8}).u8(0).b;
+        EXPECT_EQ(0, decode(pair, payload, &target.request)) << kind;
+        EXPECT_EQ(kind, target.request.requestKind);
+        EXPECT_EQ(0x10203040, target.request.luwToken) << kind;
+        EXPECT_EQ(-7, target.request.returnCode) << kind;
+        EXPECT_EQ(0, memcmp(target.request.abendCode, "AB12", 4)) << kind;
+        EXPECT_EQ(8, target.request.inboundLength) << kind;
+        EXPECT_EQ("01 02 03 04 05 06 07 08 5A ", hex(target.area)) << kind;
+    }
 }
 
 TEST(EciReply, ExtendModesTwoAndFourLeaveTheCommareaAlone)
@@ -301,6 +349,28 @@ TEST(EciReply, ExtendModesTwoAndFourLeaveTheCommareaAlone)
         EXPECT_EQ(0, decode(pair, payload, &target.request)) << mode;
         EXPECT_EQ(hex(Bytes(10, 0xAA)), hex(Bytes(target.area.begin(), target.area.begin() + 10))) << mode;
         EXPECT_EQ(0, target.request.inboundLength);
+    }
+}
+
+TEST(EciReply, ExtendModesTwoAndFourSkipDataBytesAndTheNextMessageStillDecodes)
+{
+    for (int32_t mode : {2, 4}) {
+        for (bool flag : {false, true}) {
+            SocketPair pair;
+            ReplyTarget target(10, mode);
+            Wire reply = programReply(10);
+            if (flag) reply.u8(0xFF).u8(0).i32(10);
+            else reply.u8(0);
+            reply.fill(10, 0x41).u8(0);
+            EXPECT_EQ(0, decode(pair, reply.b, &target.request)) << mode << " " << flag;
+            EXPECT_EQ(hex(Bytes(10, 0xAA)), hex(Bytes(target.area.begin(), target.area.begin() + 10))) << mode;
+            EXPECT_EQ(0, target.request.inboundLength);
+            EXPECT_EQ(-7, target.request.returnCode);
+
+            ReplyTarget next(4);
+            EXPECT_EQ(0, decode(pair, programReply(4).u8(0).raw({9, 8, 7, 6}).u8(0).b, &next.request));
+            EXPECT_EQ("09 08 07 06 5A ", hex(next.area));
+        }
     }
 }
 

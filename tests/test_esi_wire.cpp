@@ -1,6 +1,8 @@
 /* ESI requests and replies, byte for byte over a socket pair. */
 #include "wire_test_support.h"
 
+#include <thread>
+
 namespace {
 
 FlowHeader esiHeader(int32_t messageId)
@@ -80,15 +82,40 @@ TEST(EsiRequestFlow, PasswordsAppearInTheDataDumpOnlyAsAsterisks)
     EXPECT_EQ(0, clapiFlowESIRequest(pair.lib, &header, &request));
     std::vector<TraceRecord> data = trace.find(2526);
     ASSERT_EQ(1u, data.size());
-    std::string dump;
-    for (const std::string& line : trace.linesAfter(data[0])) dump += line + "\n";
+    std::vector<std::string> dump = trace.linesAfter(data[0]);
+    ASSERT_EQ(6u, dump.size());
     /* Message bytes 48 to 63 and 64 to 69: each password behind its length 00 00 00 04. */
-    EXPECT_NE(std::string::npos, dump.find(": 00042A2A 2A2A5300 00000000 00000000 : ..****S.........")) << dump;
-    EXPECT_NE(std::string::npos, dump.find(": 00042A2A 2A2A")) << dump;
+    EXPECT_NE(std::string::npos, dump[4].find(": 00042A2A 2A2A5300 00000000 00000000 : ..****S.........")) << dump[4];
+    EXPECT_NE(std::string::npos, dump[5].find(": 00042A2A 2A2A                       : ..****")) << dump[5];
     Bytes wire = pair.drain();
     ASSERT_EQ(32u + 38u, wire.size());
     EXPECT_EQ(hex(scrambled("ABCD")), hex(Bytes(wire.begin() + 50, wire.begin() + 54)));
     EXPECT_EQ(hex(scrambled("EFGH")), hex(Bytes(wire.end() - 4, wire.end())));
+    Wire shown;
+    shown.raw(Bytes(wire.begin(), wire.begin() + 50)).fill(4, 0x2A).raw(Bytes(wire.begin() + 54, wire.begin() + 66));
+    shown.fill(4, 0x2A);
+    EXPECT_EQ(hex(shown.b), hex(dumpedBytes(dump)));
+}
+
+TEST(EsiRequestFlow, PasswordsLongerThanTheBufferGoOutWholeAndScrambled)
+{
+    SocketPair pair;
+    std::string password = varied(40000, 7);
+    std::string newPassword = varied(35000, 11);
+    FlowHeader header = esiHeader(6);
+    EsiRequest request = esiRequest(ESI_KIND_CHANGE, "U", password.c_str(), newPassword.c_str(), "S");
+    Bytes wire;
+    std::thread reader([&] { wire = pair.takeUntilEnd(); });
+    EXPECT_EQ(0, clapiFlowESIRequest(pair.lib, &header, &request));
+    shutdown(pair.lib, SHUT_WR);
+    reader.join();
+    ASSERT_EQ(32u + 26u + 40000u + 4u + 35000u, wire.size());
+    EXPECT_EQ(hex(Wire().header(1, 6, "ESI", 26 + 40000 + 4 + 35000).i32(1).field("U", 10).i32(40000).b),
+              hex(Bytes(wire.begin(), wire.begin() + 50)));
+    EXPECT_TRUE(password == unscrambled(Bytes(wire.begin() + 50, wire.begin() + 50 + 40000)));
+    size_t after = 50 + 40000;
+    EXPECT_EQ(hex(Wire().field("S", 8).i32(35000).b), hex(Bytes(wire.begin() + after, wire.begin() + after + 12)));
+    EXPECT_TRUE(newPassword == unscrambled(Bytes(wire.begin() + after + 12, wire.end())));
 }
 
 TEST(EsiRequestFlow, LostConnectionIsReported)
@@ -111,6 +138,37 @@ TEST(EsiReply, FailureCarriesNoDetails)
     EXPECT_EQ(-27, reply.returnCode);
     Bytes details((uint8_t*)&reply.details, (uint8_t*)&reply.details + sizeof reply.details);
     EXPECT_EQ(hex(Bytes(sizeof reply.details, 0x5A)), hex(details));
+}
+
+TEST(EsiReply, ReplyCutShortIsAFailureNotAVerifiedPassword)
+{
+    struct Case {
+        uint32_t payload;
+        bool closed;
+        int32_t rc;
+    } cases[] = {
+        {0, false, ZEP_ERR_SYSTEM_ERROR}, {4, false, ZEP_ERR_SYSTEM_ERROR}, {40, false, ZEP_ERR_SYSTEM_ERROR},
+        {40, true, ZEP_ERR_LOSTGWCON},
+    };
+    for (const Case& c : cases) {
+        SocketPair pair;
+        Wire sent;
+        sent.i32(0);
+        for (int32_t word = 1; word <= 22; word++) sent.i32(word);
+        sent.b.resize(c.payload);
+        pair.feed(sent.b);
+        /* A closed connection loses the rest of the reply; otherwise the next message follows at once. */
+        if (c.closed) pair.closePeer();
+        else pair.feed(Wire().i32(0x47617465).b);
+        ReadBuffer in(pair.lib, c.closed ? 22 * 4 + 4 : c.payload);
+        EsiReply reply;
+        memset(&reply, 0, sizeof reply);
+        EXPECT_EQ(c.rc, clapiReadESIResponse(&in.sb, &reply)) << c.payload;
+        EXPECT_EQ(c.rc, reply.returnCode) << c.payload;
+        if (c.closed) continue;
+        ASSERT_EQ(0, initReadBuffer(&in.sb, pair.lib, 4));
+        EXPECT_EQ(0x47617465, readInt(&in.sb)) << c.payload;
+    }
 }
 
 TEST(EsiReply, SecondAndThirdTimeArriveInSwappedOrder)

@@ -1,7 +1,12 @@
 /* The socket buffer against real sockets: the bytes that cross, the sends they take, and the failures. */
 #include "wire_test_support.h"
 
+#include <fcntl.h>
+
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 namespace {
@@ -159,6 +164,57 @@ TEST(SocketBufferWrite, DataTraceShowsAsterisksWhereThePasswordLiesWhileTheWireC
         << dump[1];
 }
 
+TEST(SocketBufferWrite, MaskedFieldLargerThanTheBufferGoesOutScrambledInBufferSizedPieces)
+{
+    SocketPair pair(SOCK_SEQPACKET);
+    TraceCapture trace(4);
+    ZEP_setAPITraceDataLength(0);
+    std::string password = varied(70001);
+    WriteBuffer out(pair.lib, 4 + 70001 + 4);
+    ASSERT_EQ(0, out.rc);
+    SocketBuffer& sb = out.sb;
+    writeInt(&sb, 1);
+    writeBytesMasked(&sb, password.data(), (uint32_t)password.size());
+    writeInt(&sb, 2);
+    EXPECT_EQ(0, flushBuffer(&sb));
+    EXPECT_EQ(0, sb.errorCode);
+    EXPECT_EQ(0u, sb.bytesRemaining);
+    EXPECT_EQ(0, freeBuffer(&sb));
+    ZEP_setAPITraceDataLength(128);
+
+    EXPECT_EQ(std::vector<size_t>({4, 33000, 33000, 4005}), pair.records());
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Insufficient space in buffer " + pointerText(&sb) +
+                                        " to write 70001 bytes"}),
+              messages(trace, 2570));
+    std::vector<Bytes> dumps;
+    for (const TraceRecord& r : trace.find(2526)) dumps.push_back(dumpedBytes(trace.linesAfter(r)));
+    ASSERT_EQ(4u, dumps.size());
+    EXPECT_EQ(hex(Wire().i32(1).b), hex(dumps[0]));
+    EXPECT_EQ(hex(Bytes(33000, 0x2A)), hex(dumps[1]));
+    EXPECT_EQ(hex(Bytes(33000, 0x2A)), hex(dumps[2]));
+    EXPECT_EQ(hex(Wire().fill(4001, 0x2A).i32(2).b), hex(dumps[3]));
+}
+
+TEST(SocketBufferWrite, MaskedFieldLargerThanTheBufferCarriesOnTheScramblingAcrossPieces)
+{
+    SocketPair pair;
+    std::string password = varied(70001);
+    Bytes wire;
+    std::thread reader([&] { wire = pair.takeUntilEnd(); });
+    WriteBuffer out(pair.lib, 4 + 70001 + 4);
+    ASSERT_EQ(0, out.rc);
+    writeInt(&out.sb, 1);
+    writeBytesMasked(&out.sb, password.data(), (uint32_t)password.size());
+    writeInt(&out.sb, 2);
+    EXPECT_EQ(0, flushBuffer(&out.sb));
+    shutdown(pair.lib, SHUT_WR);
+    reader.join();
+    ASSERT_EQ(4u + 70001u + 4u, wire.size());
+    EXPECT_EQ("00 00 00 01 ", hex(Bytes(wire.begin(), wire.begin() + 4)));
+    EXPECT_TRUE(password == unscrambled(Bytes(wire.begin() + 4, wire.end() - 4)));
+    EXPECT_EQ("00 00 00 02 ", hex(Bytes(wire.end() - 4, wire.end())));
+}
+
 TEST(SocketBufferWrite, FailedSendIsStickyAndLaterWritesAreDropped)
 {
     SocketPair pair;
@@ -248,6 +304,56 @@ TEST(SocketBufferRead, BytesLargerThanTheBufferComeStraightIntoTheCallersArea)
     writer.join();
 }
 
+TEST(SocketBufferRead, ValueSplitAcrossTwoFillsIsJoinedAfterTheUnreadBytesMove)
+{
+    SocketPair pair;
+    TraceCapture trace(4);
+    Bytes message = Wire().fill(32998, 0x11).i32(0x0A0B0C0D).i32(0x01020304).b;
+    std::thread writer([&] { pair.feed(message); });
+    ReadBuffer in(pair.lib, (uint32_t)message.size());
+    ASSERT_EQ(0, in.rc);
+    Bytes head(32998);
+    readBytes(&in.sb, head.data(), (uint32_t)head.size());
+    EXPECT_EQ(2u, in.sb.bytesInBuffer);
+    EXPECT_EQ(0x0A0B0C0D, readInt(&in.sb));
+    EXPECT_EQ(0x01020304, readInt(&in.sb));
+    writer.join();
+    EXPECT_EQ(0, in.sb.errorCode);
+    EXPECT_EQ(0u, in.sb.bytesRemaining);
+    EXPECT_EQ(0u, in.sb.bytesInBuffer);
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Moving 2 unread bytes to the start of buffer " +
+                                        pointerText(in.sb.buffer)}),
+              messages(trace, 2541));
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Received 33000 bytes, 6 bytes remaining",
+                                        "DEBUG Received 6 bytes, 0 bytes remaining"}),
+              messages(trace, 2545));
+}
+
+TEST(SocketBufferRead, BytesPartlyInTheBufferAreCompletedAfterAFill)
+{
+    SocketPair pair;
+    TraceCapture trace(4);
+    std::string text = varied(33050);
+    Bytes data(text.begin(), text.end());
+    Bytes message = Wire().i32(7).raw(data).i32(8).b;
+    std::thread writer([&] { pair.feed(message); });
+    ReadBuffer in(pair.lib, (uint32_t)message.size());
+    ASSERT_EQ(0, in.rc);
+    EXPECT_EQ(7, readInt(&in.sb));
+    EXPECT_EQ(32996u, in.sb.bytesInBuffer);
+    Bytes got(data.size());
+    readBytes(&in.sb, got.data(), (uint32_t)got.size());
+    EXPECT_TRUE(got == data);
+    EXPECT_EQ(8, readInt(&in.sb));
+    writer.join();
+    EXPECT_EQ(0, in.sb.errorCode);
+    EXPECT_EQ(0u, in.sb.bytesRemaining);
+    EXPECT_EQ(std::vector<std::string>({"DEBUG Received 33000 bytes, 58 bytes remaining",
+                                        "DEBUG Received 58 bytes, 0 bytes remaining"}),
+              messages(trace, 2545));
+    EXPECT_TRUE(messages(trace, 2533).empty()) << "the rest fits the buffer and comes through it";
+}
+
 TEST(SocketBufferRead, SkippedBytesKeepTheStreamInStep)
 {
     struct Case {
@@ -318,24 +424,63 @@ TEST(SocketBufferWait, TimesOutAfterTheGivenSecondsAndStaysUsable)
     EXPECT_EQ(std::vector<std::string>({"*EXC* Timed out waiting for handshake response"}), messages(trace, 2504));
     EXPECT_EQ(0, in.sb.errorCode);
     pair.feed(Wire().i32(77).b);
-    EXPECT_EQ(0, waitForResponse(&in.sb, 0));
+    EXPECT_EQ(0, waitForResponse(&in.sb, 1));
     EXPECT_EQ(77, readInt(&in.sb));
 }
 
-TEST(SocketBufferWait, FailedWaitMakesTheBufferFail)
+TEST(SocketBufferWait, WithoutATimeLimitBlocksUntilDataArrive)
 {
-    TraceCapture trace(1);
-    SocketBuffer sb;
-    memset(&sb, 0, sizeof sb);
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(0, initReadBuffer(&sb, fd, 4));
-    close(fd);
-    /* A closed descriptor reads as ready; the fill that follows is what fails. */
-    int rc = waitForResponse(&sb, 1);
-    if (rc == 0) rc = fillBuffer(&sb);
-    EXPECT_EQ(ZEP_ERR_LOSTGWCON, rc);
-    EXPECT_NE(0, sb.errorCode);
-    EXPECT_EQ(0, freeBuffer(&sb));
+    SocketPair pair;
+    ReadBuffer in(pair.lib, 4);
+    ASSERT_EQ(0, in.rc);
+    std::atomic<bool> fed(false);
+    std::mutex lock;
+    std::condition_variable changed;
+    bool returned = false;
+    bool rescued = false;
+    std::thread feeder([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        fed = true;
+        pair.feed(Wire().i32(77).b);
+        std::unique_lock<std::mutex> held(lock);
+        if (!changed.wait_for(held, std::chrono::seconds(5), [&] { return returned; })) {
+            rescued = true;
+            shutdown(pair.lib, SHUT_RDWR);
+        }
+    });
+    int rc = waitForResponse(&in.sb, 0);
+    bool dataWereThere = fed;
+    {
+        std::lock_guard<std::mutex> held(lock);
+        returned = true;
+    }
+    changed.notify_all();
+    feeder.join();
+    EXPECT_FALSE(rescued) << "the wait did not end when data arrived";
+    EXPECT_EQ(0, rc);
+    EXPECT_TRUE(dataWereThere) << "the wait ended before any data were sent";
+    EXPECT_EQ(77, readInt(&in.sb));
+}
+
+TEST(SocketBufferWait, DescriptorThatIsNotOpenFailsTheWaitAndTheBuffer)
+{
+    /* High enough that the trace file, opened afterwards, cannot take the number. */
+    int unused = 1000;
+    while (fcntl(unused, F_GETFD) != -1) unused++;
+    for (int fd : {unused, -1}) {
+        TraceCapture trace(1);
+        SocketBuffer sb;
+        memset(&sb, 0, sizeof sb);
+        ASSERT_EQ(0, initReadBuffer(&sb, fd, 4));
+        EXPECT_EQ(ZEP_ERR_LOSTGWCON, waitForResponse(&sb, 1)) << fd;
+        EXPECT_EQ(EBADF, sb.errorCode) << fd;
+        EXPECT_EQ(std::vector<std::string>({"*EXC* select failed: " + std::string(strerror(EBADF)) + " (" +
+                                            std::to_string(EBADF) + ")"}),
+                  messages(trace, 2523))
+            << fd;
+        EXPECT_EQ(ZEP_ERR_LOSTGWCON, fillBuffer(&sb)) << fd;
+        EXPECT_EQ(0, freeBuffer(&sb));
+    }
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -142,6 +143,26 @@ public:
         }
         return out;
     }
+    /* Reads from the peer side until the library side shuts down its sending, giving up after the deadline. */
+    Bytes takeUntilEnd(int timeoutMs = 5000) const
+    {
+        Bytes out;
+        auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        for (;;) {
+            int left = (int)std::chrono::duration_cast<std::chrono::milliseconds>(
+                           end - std::chrono::steady_clock::now()).count();
+            struct pollfd p = {peer, POLLIN, 0};
+            if (left <= 0 || poll(&p, 1, left) <= 0) {
+                ADD_FAILURE() << "the library side did not end its sending within " << timeoutMs << " ms";
+                break;
+            }
+            uint8_t chunk[65536];
+            ssize_t got = recv(peer, chunk, sizeof chunk, 0);
+            if (got <= 0) break;
+            out.insert(out.end(), chunk, chunk + got);
+        }
+        return out;
+    }
     /* Everything already sent to the peer, without waiting for more. */
     Bytes drain() const
     {
@@ -257,6 +278,41 @@ inline std::vector<std::string> messages(const TraceCapture& trace, int id)
     std::vector<std::string> texts;
     for (const TraceRecord& r : trace.find(id)) texts.push_back(r.type + " " + r.message);
     return texts;
+}
+
+/* The bytes a storage dump shows: the lines after a DATA record, the truncation line first. */
+inline Bytes dumpedBytes(const std::vector<std::string>& lines)
+{
+    Bytes out;
+    for (size_t i = 1; i < lines.size(); i++) {
+        size_t at = lines[i].find(": ");
+        if (at == std::string::npos) continue;
+        std::string half = lines[i].substr(at + 2, 35);
+        for (size_t k = 0; k + 1 < half.size(); k++) {
+            if (half[k] == ' ') continue;
+            out.push_back((uint8_t)strtoul(half.substr(k, 2).c_str(), NULL, 16));
+            k++;
+        }
+    }
+    return out;
+}
+
+/* Undoes the scrambling of a masked field. */
+inline std::string unscrambled(const Bytes& wire)
+{
+    std::string clear(wire.size(), '\0');
+    for (size_t i = 0; i < wire.size(); i++) {
+        clear[i] = (char)(i == 0 ? (uint8_t)~wire[0] : (uint8_t)(wire[i] ^ (uint8_t)clear[i - 1]));
+    }
+    return clear;
+}
+
+/* A NUL-free text of `length` bytes that changes from byte to byte. */
+inline std::string varied(size_t length, int seed = 7)
+{
+    std::string text(length, ' ');
+    for (size_t i = 0; i < length; i++) text[i] = (char)(1 + (i * (size_t)seed) % 251);
+    return text;
 }
 
 inline std::string hex(const Bytes& bytes)
