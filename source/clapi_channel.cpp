@@ -227,8 +227,7 @@ static void releaseData(Container* cont, const char* api, int freeingId)
     if (cont->dataPtr != NULL) {
         TRACE_DEBUG(freeingId, "API.%s() Freeing %lu bytes of container data (%p)\n", api, cont->dataLength,
                     (void*)cont->dataPtr);
-        memset(cont->dataPtr, 0, cont->dataLength);
-        free(cont->dataPtr);
+        clapiZeroFree(cont->dataPtr, cont->dataLength);
     }
     cont->dataPtr = NULL;
     cont->dataLength = 0;
@@ -239,8 +238,7 @@ static void freeContainer(Container* cont, const char* api, int freeingId, int d
 {
     releaseData(cont, api, freeingId);
     TRACE_EVENT(deletedId, "API.%s() Deleted container \"%.16s\" (%p)\n", api, cont->name, (void*)cont);
-    memset(cont, 0, sizeof *cont);
-    free(cont);
+    clapiZeroFree(cont, sizeof *cont);
 }
 
 static void freeContainers(Channel* chan, const char* api, int freeingId, int deletedId)
@@ -256,8 +254,7 @@ static void freeContainers(Channel* chan, const char* api, int freeingId, int de
 
 static void discardChannel(Channel* chan)
 {
-    memset(chan, 0, sizeof *chan);
-    free(chan);
+    clapiZeroFree(chan, sizeof *chan);
 }
 
 static void freeChannel(Channel* chan, const char* api, int deletedId)
@@ -621,8 +618,7 @@ static int addNewContainer(Channel* chan, const char* name, int type, int ccsid,
     cont->type = type;
     if (type == ECI_CHAR) cont->ccsid = chooseCcsid(chan, ccsid);
     if (dataLength != 0 && storeData(cont, data, dataLength, createCall.api, 1333, 1334) != ECI_NO_ERROR) {
-        memset(cont, 0, sizeof *cont);
-        free(cont);
+        clapiZeroFree(cont, sizeof *cont);
         return ECI_ERR_MEMORY_SHORTAGE;
     }
     cont->nextCont = chan->firstCont;

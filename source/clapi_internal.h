@@ -9,6 +9,8 @@
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include "zepclient.h"
 
@@ -33,6 +35,15 @@ extern "C" {
 #define CLAPI_MODULE_VERSION(module) \
     extern const char version4##module[]; \
     const char version4##module[] = "zepclient " #module " " CLDLL_VERSION_TEXT " " CLAPI_BUILD_LEVEL
+
+/* Library memory that held caller data is wiped before it goes back. explicit_bzero, because a plain
+   memset right before free is a dead store the compiler may drop. */
+static inline void clapiZeroFree(void* block, size_t length)
+{
+    if (block == NULL) return;
+    explicit_bzero(block, length);
+    free(block);
+}
 
 /* ---- Trace levels and record writers (clapi_diag). ---- */
 extern int32_t clientAPITrace;
@@ -210,6 +221,8 @@ typedef struct RequestSlot {
     EsiDetails*         esiDetailsPtr;
     /* Bytes that reply data may occupy at request.eci_commarea (caller's area, async buffer or system list). */
     uint32_t            replyAreaLength;
+    /* Which ECI request holds the slot, so that a reused slot is told from the request that held it before. */
+    uint32_t            requestSerial;
 } RequestSlot;
 
 #define CONN_CONNECTING 0
@@ -240,6 +253,7 @@ typedef struct GatewayToken {
     int32_t              apiCalls;
     char                 applid[9];
     char                 applidQual[9];
+    int32_t              handedOut;   /* under gtlLock: the open returned the token; close all may take it */
 } GatewayToken;
 
 /* ---- Channels and containers (clapi_channel). ---- */

@@ -18,13 +18,6 @@ static unsigned long ul(uint32_t value)
     return (unsigned long)value;
 }
 
-/* explicit_bzero: a plain memset right before free is a dead store the compiler may drop. */
-static void zeroAndFree(void* block, size_t length)
-{
-    explicit_bzero(block, length);
-    free(block);
-}
-
 /* The text of an errno value; strerror's own buffer is not safe across the receiver and the senders. */
 static const char* errorText(int code, char* buffer, size_t size)
 {
@@ -45,7 +38,7 @@ static int initBuffer(SocketBuffer* sb, int socketDesc, uint32_t dataLen, int ex
     uint32_t size = sb->bufferSize;
     if (block == NULL || size < wanted) {
         if (block != NULL) {
-            zeroAndFree(block, size);
+            clapiZeroFree(block, size);
             /* The old block is gone: a later freeBuffer must not release it a second time. */
             sb->buffer = NULL;
             sb->bufferSize = 0;
@@ -460,7 +453,7 @@ int freeBuffer(SocketBuffer* sb)
     TRACE_ENTRY(2516, "clapi_socketbuffer.freeBuffer(sb=%p)\n", (void*)sb);
     int rc = 0;
     if (sb->buffer != NULL) {
-        zeroAndFree(sb->buffer, sb->bufferSize);
+        clapiZeroFree(sb->buffer, sb->bufferSize);
         freeMaskArea(sb->maskList);
     } else {
         TRACE_EXC(2517, "Buffer not initialized: %p\n", (void*)sb);
@@ -516,7 +509,7 @@ void freeMaskArea(MaskArea* area)
 {
     while (area != NULL) {
         MaskArea* next = area->next;
-        zeroAndFree(area, sizeof(MaskArea) + area->length);
+        clapiZeroFree(area, sizeof(MaskArea) + area->length);
         area = next;
     }
 }

@@ -289,14 +289,6 @@ static int32_t channelSize(const Channel* channel)
     return size;
 }
 
-/* explicit_bzero: a plain memset right before free is a dead store the compiler may drop. */
-static void zeroAndFree(void* block, size_t length)
-{
-    if (block == NULL) return;
-    explicit_bzero(block, length);
-    free(block);
-}
-
 /* 0 while the read buffer is sound; a message shorter than its fields is a protocol error. */
 static int readFailure(const SocketBuffer* sb)
 {
@@ -356,7 +348,7 @@ int addContainer(SocketBuffer* sb, Channel* channel, Container* record)
         Container* container = (Container*)malloc(sizeof(Container));
         if (container == NULL) {
             TRACE_EXC(3224, "Failed to allocate %lu bytes for new container\n", (unsigned long)sizeof(Container));
-            zeroAndFree(data, record->dataLength);
+            clapiZeroFree(data, record->dataLength);
             rc = ZEP_ERR_MALLOCFAIL;
         } else {
             *container = *record;
@@ -394,8 +386,8 @@ int deleteContainer(Channel* channel, Container* record)
                 TRACE_DEBUG(3230, "Current container is now NULL\n");
             }
         }
-        zeroAndFree(container->dataPtr, container->dataLength);
-        zeroAndFree(container, sizeof *container);
+        clapiZeroFree(container->dataPtr, container->dataLength);
+        clapiZeroFree(container, sizeof *container);
         channel->numContainers--;
     }
     TRACE_EXIT(3231, "clapi_socketcomms.deleteContainer() rc=%d\n", rc);
@@ -409,7 +401,7 @@ static int resizeContainerData(Container* container, unsigned long length)
     if (container->dataPtr != NULL) {
         TRACE_DEBUG(3234, "Freeing %lu bytes of container data (%p)\n", container->dataLength,
                     (void*)container->dataPtr);
-        zeroAndFree(container->dataPtr, container->dataLength);
+        clapiZeroFree(container->dataPtr, container->dataLength);
     }
     container->dataPtr = NULL;
     container->dataLength = 0;
@@ -441,7 +433,7 @@ int modifyContainer(SocketBuffer* sb, Channel* channel, Container* record)
             if (rc != 0) {
                 /* A reused block still holds the old data; a new one only what readContainerData wiped. */
                 if (keepsOldData) {
-                    zeroAndFree(container->dataPtr, container->dataLength);
+                    clapiZeroFree(container->dataPtr, container->dataLength);
                 } else {
                     free(container->dataPtr);
                 }
@@ -519,10 +511,10 @@ static int readReplyChannel(SocketBuffer* sb, Channel* channel)
     while (scratch->firstCont != NULL) {
         Container* container = scratch->firstCont;
         scratch->firstCont = container->nextCont;
-        zeroAndFree(container->dataPtr, container->dataLength);
-        zeroAndFree(container, sizeof *container);
+        clapiZeroFree(container->dataPtr, container->dataLength);
+        clapiZeroFree(container, sizeof *container);
     }
-    zeroAndFree(scratch, sizeof *scratch);
+    clapiZeroFree(scratch, sizeof *scratch);
     return rc;
 }
 
