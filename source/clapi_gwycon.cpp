@@ -173,7 +173,6 @@ static int startConversation(GatewayToken* tok, const char* applid, const char* 
     int threadRc = pthread_create(&thread, NULL, receiverThread, tok);
     if (threadRc != 0) {
         clapiClearEvent(&tok->recvThreadEndedEvent);
-        closeSocket(tok->socket);
         TRACE_EXC(3014, "clapi_gwycon.clapiConnectToGateway() Failed to create receiver thread, rc=%d\n", threadRc);
         return ZEP_ERR_SYSTEM_ERROR;
     }
@@ -181,7 +180,7 @@ static int startConversation(GatewayToken* tok, const char* applid, const char* 
     if (rc != 0) {
         TRACE_EXC(3007, "clapi_gwycon.clapiConnectToGateway() Handshake flow failed rc=%d (%s)\n", rc,
                   clapiGetRcString(rc));
-        /* The receiver owns the descriptor now: wake it so that it ends and closes the socket itself. */
+        /* Wake the receiver so that it ends; the descriptor is closed when the token is freed. */
         shutdown(tok->socket, SHUT_RDWR);
         return ZEP_ERR_CONNECTFAILED;
     }
@@ -209,12 +208,11 @@ int clapiConnectToGateway(int port, const char* ipAddr, GatewayToken* gwTokPtr, 
     struct addrinfo* hostInfo = NULL;
     int rc = getHostInfo(ipAddr, port, &hostInfo);
     if (rc == 0) {
+        /* A failed connect leaves the socket with the token, whose deletion closes it. */
         rc = connectSocket(gwTokPtr, hostInfo, ipAddr, port);
         if (rc == 0) {
             rc = startConversation(gwTokPtr, applid, applidQualifier);
             if (rc == 0) rc = awaitHandshake(gwTokPtr);
-        } else if (gwTokPtr->socket != -1) {
-            closeSocket(gwTokPtr->socket);
         }
         freeaddrinfo(hostInfo);
     }
@@ -328,18 +326,20 @@ static int readEciReply(Receiver* r, RequestSlot* slot)
     return 0;
 }
 
-// Runs on the receiver thread.
-static void readEsiReply(Receiver* r, RequestSlot* slot)
+// Runs on the receiver thread. A reply cut short ends the connection; nothing of it reaches the caller.
+static int readEsiReply(Receiver* r, RequestSlot* slot)
 {
     EsiReply reply;
     memset(&reply, 0, sizeof reply);
-    clapiReadESIResponse(&r->sb, &reply);
+    int rc = clapiReadESIResponse(&r->sb, &reply);
+    if (r->sb.errorCode != 0) return rc != 0 ? rc : ZEP_ERR_SYSTEM_ERROR;
     slot->replyRc = reply.returnCode;
     if (reply.returnCode != 0)
         TRACE_EXC(3044, "clapi_gwycon.receiverThread() Gateway returned ESI error, rc=%d (%s)\n", reply.returnCode,
                   clapiGetRcStringESI(reply.returnCode));
     else if (slot->esiDetailsPtr != NULL)
         memcpy(slot->esiDetailsPtr, &reply.details, sizeof(EsiDetails));
+    return 0;
 }
 
 static bool requestTypeIs(const FlowHeader* header, const char* name)
@@ -359,7 +359,7 @@ static int handleReply(Receiver* r)
     if (requestTypeIs(&r->header, ECI_REQUEST_NAME)) {
         if ((rc = readEciReply(r, slot)) != 0) return rc;
     } else if (requestTypeIs(&r->header, ESI_REQUEST_NAME)) {
-        readEsiReply(r, slot);
+        if ((rc = readEsiReply(r, slot)) != 0) return rc;
     } else {
         TRACE_EXC(3042, "clapi_gwycon.receiverThread() Gateway returned unexpected request type %s\n",
                   r->header.requestType);
@@ -522,7 +522,9 @@ void* receiverThread(void* conn)
     } else {
         endConnection(&r, receiveLoop(&r));
     }
-    if (r.tok->socket != -1) closeSocket(r.tok->socket);
+    /* Senders may still be queued for the send lock: they must fail on this socket, not write to a descriptor
+       that another connection reuses. The descriptor is closed when the token is freed. */
+    if (r.tok->socket != -1) shutdown(r.tok->socket, SHUT_RDWR);
     clapiClearEvent(&r.tok->recvThreadEndedEvent);
     TRACE_EXIT(3041, "clapi_gwycon.receiverThread(conn=%p)\n", conn);
     return NULL;

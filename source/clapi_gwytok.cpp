@@ -448,7 +448,9 @@ static int waitForApiCalls(GatewayToken* gwToken)
 static void unlockAbandonedChannels(GatewayToken* gwToken)
 {
     for (RequestSlot* slot = gwToken->requestTable; slot != NULL; slot = slot->nextSlot) {
-        if (slot->slotState == SLOT_FREE || slot->request.eci_call_type != ECI_ASYNC) continue;
+        /* Only an uncollected request still holds its channel; a kept or collected one has unlocked it. */
+        if (slot->slotState != SLOT_SENT && slot->slotState != SLOT_REPLIED) continue;
+        if (slot->request.eci_call_type != ECI_ASYNC) continue;
         if (slot->request.eci_channel == NULL) continue;
         unlockChannel(slot->request.eci_channel);
         slot->request.eci_channel = NULL;
@@ -565,6 +567,8 @@ static int freeQuiescedToken(GatewayToken** gwTokPtr)
     }
     freeAllSlots(gwToken);
     destroyTokenResources(gwToken);
+    /* The receiver only shuts the socket down: until now a late sender could not reach a reused descriptor. */
+    if (gwToken->socket != -1) closeSocket(gwToken->socket);
     unlinkGatewayToken(gwToken, parent);
     TRACE_DEBUG(2032, "clapi_gwytok.clapiDeleteGatewayToken() Free gateway token=%p\n", (void*)gwToken);
     memset((void*)gwToken, 0, sizeof *gwToken);
@@ -605,18 +609,40 @@ int clapiDeleteGatewayToken(GatewayToken** gwTokPtr, int closeTimeout, int lockR
     return rc;
 }
 
+// gtlLock held on entry.
+static int listLength(void)
+{
+    int count = 0;
+    for (GatewayToken* token = gtListHeadPtr; token != NULL; token = token->nextGwyTokPtr) count++;
+    return count;
+}
+
 /*
- * Each delete releases gtlLock, so the walk takes it again before it goes on. A successor that another
- * thread deleted meanwhile is no longer listed and ends the walk rather than being touched.
+ * gtlLock held on entry. The first token that close all may take: one the application holds and nobody is
+ * closing. A token still being opened belongs to its opener, one being closed to its closer; a token whose
+ * delete failed stays closing and is not tried again.
+ */
+static GatewayToken* nextTokenToClose(void)
+{
+    for (GatewayToken* token = gtListHeadPtr; token != NULL; token = token->nextGwyTokPtr)
+        if (token->handedOut && !loadClosing(token)) return token;
+    return NULL;
+}
+
+/*
+ * Each delete releases gtlLock, and other threads may unlink tokens meanwhile, so every round looks again
+ * from the head. The list's length at the start bounds the rounds.
  */
 int clapiDeleteGatewayTokens(void)
 {
     TRACE_ENTRY(2034, "clapi_gwytok.clapiDeleteGatewayTokens()\n");
     int count = 0;
     clapiRequestLock(&gtlLock);
-    GatewayToken* token = gtListHeadPtr;
-    if (token == NULL) TRACE_EVENT(2036, "clapi_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY\n");
-    while (token != NULL) {
+    int rounds = listLength();
+    if (rounds == 0) TRACE_EVENT(2036, "clapi_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY\n");
+    for (; rounds > 0; rounds--) {
+        GatewayToken* token = nextTokenToClose();
+        if (token == NULL) break;
         count++;
         if (TRACE_LEVEL() > 1) {
             char line[GWTOK_FORMAT_LEN];
@@ -624,12 +650,10 @@ int clapiDeleteGatewayTokens(void)
             TRACE_EVENT(2035, "clapi_gwytok.clapiDeleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n",
                         (void*)token, count, line);
         }
-        GatewayToken* successor = token->nextGwyTokPtr;
         GatewayToken* doomed = token;
-        clapiCloseGatewayToken(doomed, 0);
+        if (clapiCloseGatewayToken(doomed, 0) != 0) continue;
         clapiDeleteGatewayToken(&doomed, 0, 0);
         clapiRequestLock(&gtlLock);
-        token = successor != NULL && findGatewayToken(successor, NULL) == FIND_TOKEN_FOUND ? successor : NULL;
     }
     clapiReleaseLock(&gtlLock);
     TRACE_EXIT(2037, "clapi_gwytok.clapiDeleteGatewayTokens() Entries deleted=%d, rc=%d\n", count, 0);
@@ -763,6 +787,22 @@ static GatewayToken* newGatewayToken(int port, unsigned int connTimeout, const c
     return tok;
 }
 
+/*
+ * From here on close all may take the token. A connected token is announced; formatting reads its next-token
+ * field, which another open may be setting as it chains behind it.
+ */
+static void handOut(GatewayToken* tok, bool connected)
+{
+    clapiRequestLock(&gtlLock);
+    if (connected && TRACE_LEVEL() > 1) {
+        char line[GWTOK_FORMAT_LEN];
+        clapiFormatGatewayToken(tok, line);
+        TRACE_EVENT(2009, "clapi_gwytok.clapiCreateGatewayToken(gwTokPtr=%p) %s\n", (void*)tok, line);
+    }
+    tok->handedOut = 1;
+    clapiReleaseLock(&gtlLock);
+}
+
 int clapiCreateGatewayToken(GatewayToken** gwTokPtr, const char* ipAddr, int port, unsigned int connTimeout,
                             const char* applid, const char* applidQualifier)
 {
@@ -781,14 +821,10 @@ int clapiCreateGatewayToken(GatewayToken** gwTokPtr, const char* ipAddr, int por
     if ((rc = openClientSocket(tok, ipAddr, applid, applidQualifier)) != 0) {
         /* Listed, perhaps with a receiver thread: the full delete takes it down; the connect's code is the result. */
         GatewayToken* doomed = tok;
-        clapiDeleteGatewayToken(&doomed, 0, 1);
+        if (clapiDeleteGatewayToken(&doomed, 0, 1) != 0) handOut(tok, false);   /* left for close all to remove */
         return rc;
     }
-    if (TRACE_LEVEL() > 1) {
-        char line[GWTOK_FORMAT_LEN];
-        clapiFormatGatewayToken(tok, line);
-        TRACE_EVENT(2009, "clapi_gwytok.clapiCreateGatewayToken(gwTokPtr=%p) %s\n", (void*)tok, line);
-    }
+    handOut(tok, true);
     *gwTokPtr = tok;
     return 0;
 }

@@ -86,18 +86,43 @@ inline int listedTokens()
     return count;
 }
 
+// A parameter block for a call of `program` (blank-padded) of `callType`, version 6, every other field 0.
+inline EciParms eciCall(int callType, const char* program)
+{
+    EciParms parms;
+    memset(&parms, 0, sizeof parms);
+    parms.eci_call_type = static_cast<short>(callType);
+    parms.eci_version = 6;
+    memset(parms.eci_program_name, ' ', sizeof parms.eci_program_name);
+    memcpy(parms.eci_program_name, program, strlen(program));
+    return parms;
+}
+
+// ECI requests for `program` that zepgw (started with -v) has read, counted in its log.
+inline int requestsLogged(const ZepgwProcess& gw, const char* program)
+{
+    const std::string log = gw.log();
+    const std::string needle = std::string(" program ") + program + " in ";
+    int count = 0;
+    for (size_t at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) count++;
+    return count;
+}
+
+// A slot is marked sent before its request waits for the send lock: only zepgw's log proves the request was
+// written. Waits until zepgw has read `count` requests for `program`.
+inline bool awaitRequestsLogged(const ZepgwProcess& gw, const char* program, int count, double seconds = 10)
+{
+    return pollUntil([&] { return requestsLogged(gw, program) >= count; }, seconds);
+}
+
 // A synchronous COMMAREA call of `program` on a thread of its own. The COMMAREA starts with `data`.
 class BackgroundCall {
 public:
     BackgroundCall(GatewayToken* tok, const char* program, const char* data = "")
     {
-        memset(&parms_, 0, sizeof parms_);
         memset(area_, 0, sizeof area_);
         snprintf(area_, sizeof area_, "%s", data);
-        parms_.eci_call_type = ECI_SYNC;
-        parms_.eci_version = 6;
-        memset(parms_.eci_program_name, ' ', sizeof parms_.eci_program_name);
-        memcpy(parms_.eci_program_name, program, strlen(program));
+        parms_ = eciCall(ECI_SYNC, program);
         parms_.eci_commarea = area_;
         parms_.eci_commarea_length = sizeof area_;
         result_ = std::async(std::launch::async, [this, tok] { return ZEP_ECI_Execute(tok, &parms_); });
@@ -123,12 +148,7 @@ private:
 // A synchronous call made on the calling thread.
 inline int callProgram(GatewayToken* tok, const char* program, char* area, short length)
 {
-    EciParms parms;
-    memset(&parms, 0, sizeof parms);
-    parms.eci_call_type = ECI_SYNC;
-    parms.eci_version = 6;
-    memset(parms.eci_program_name, ' ', sizeof parms.eci_program_name);
-    memcpy(parms.eci_program_name, program, strlen(program));
+    EciParms parms = eciCall(ECI_SYNC, program);
     parms.eci_commarea = area;
     parms.eci_commarea_length = length;
     return ZEP_ECI_Execute(tok, &parms);

@@ -352,3 +352,45 @@ TEST(Connect, ApplidQueriesHandOutTheTokensOwnTexts)
 }
 
 }  // namespace
+
+namespace {
+
+// At trace level 2 each open formats its token, next-token field included, while another open may chain
+// a token behind it; ThreadSanitizer checks that the two do not race.
+TEST(Connect, ConcurrentOpensAtTraceLevelTwo)
+{
+    ZepgwProcess gw;
+    ASSERT_TRUE(gw.start());
+    TraceCapture trace(2);
+    auto cycles = [&gw] {
+        int failures = 0;
+        for (int i = 0; i < 15; i++) {
+            GatewayToken* tok = nullptr;
+            if (openGateway(gw, &tok) != 0 || ZEP_closeGatewayConnection(&tok) != 0) failures++;
+        }
+        return failures;
+    };
+    auto first = std::async(std::launch::async, cycles);
+    auto second = std::async(std::launch::async, cycles);
+    ASSERT_EQ(std::future_status::ready, first.wait_for(std::chrono::seconds(60)));
+    ASSERT_EQ(std::future_status::ready, second.wait_for(std::chrono::seconds(60)));
+    EXPECT_EQ(0, first.get());
+    EXPECT_EQ(0, second.get());
+    EXPECT_EQ(30u, trace.find(2009).size());
+    EXPECT_EQ(0, listedTokens());
+}
+
+TEST(Connect, EntryRecordLacksItsClosingParenthesis)
+{
+    TraceCapture trace(3);
+    GatewayToken* tok = nullptr;
+    EXPECT_EQ(ZEP_ERR_NULLPARM, ZEP_openRemoteGatewayConnectionApplid("gw.example", 2006, &tok, 7, nullptr, "Q"));
+    auto entries = trace.find(1000);
+    ASSERT_EQ(1u, entries.size()) << trace.text();
+    EXPECT_EQ("ENTRY", entries[0].type);
+    EXPECT_EQ("API.ZEP_openRemoteGatewayConnectionApplid(hostname=gw.example, port=2006, &gwTokPtr=" +
+                  pointerText(&tok) + ", connTimeout=7, applid=NULL, applidQualifier=Q",
+              entries[0].message);
+}
+
+}  // namespace

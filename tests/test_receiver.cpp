@@ -1,5 +1,13 @@
 // The receiver thread against zepgw: replies reach their requests, per-request failures stay with their
 // request, and every way a connection ends fails each waiting request with the right code.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+
 #include "conn_test_support.h"
 #include "trace_capture.h"
 
@@ -9,7 +17,7 @@ namespace {
 
 class Receiver : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(gw.start()); }
+    void SetUp() override { ASSERT_TRUE(gw.start({"-v"})); }
 
     void TearDown() override
     {
@@ -117,7 +125,7 @@ TEST_P(EndingFaults, EveryWaitingRequestFails)
     open();
     BackgroundCall first(tok, "HANG");
     BackgroundCall second(tok, "HANG");
-    awaitWaiting(2);
+    ASSERT_TRUE(awaitRequestsLogged(gw, "HANG", 2));
     BackgroundCall faulty(tok, c.program);
     EXPECT_EQ(c.rc, faulty.result());
     EXPECT_EQ(c.rc, first.result());
@@ -191,6 +199,192 @@ TEST_F(Receiver, AsynchronousReplyIsQueuedForCollection)
     parms.eci_call_type = ECI_GET_REPLY_WAIT;
     EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms));
     EXPECT_EQ(0, memcmp(area, "ASYNC", 5));
+}
+
+}  // namespace
+
+namespace {
+
+// A Gateway played by the test on a loopback listener, for replies that zepgw never sends.
+class ScriptedGateway {
+public:
+    ScriptedGateway()
+    {
+        signal(SIGPIPE, SIG_IGN);
+        listener_ = socket(AF_INET, SOCK_STREAM, 0);
+        struct sockaddr_in address;
+        memset(&address, 0, sizeof address);
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(listener_, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
+        listen(listener_, 1);
+        socklen_t length = sizeof address;
+        getsockname(listener_, reinterpret_cast<struct sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+    }
+    ~ScriptedGateway()
+    {
+        if (peer_ >= 0) close(peer_);
+        close(listener_);
+    }
+
+    // Opens a token on this Gateway, accepting the connection and answering the handshake.
+    GatewayToken* open()
+    {
+        GatewayToken* tok = nullptr;
+        auto opening = std::async(std::launch::async, [&] {
+            return ZEP_openRemoteGatewayConnection("127.0.0.1", port_, &tok, 10);
+        });
+        struct pollfd ready = {listener_, POLLIN, 0};
+        if (poll(&ready, 1, 10000) != 1) return nullptr;
+        peer_ = accept(listener_, nullptr, nullptr);
+        int32_t flowType = 0;
+        if (nextRequest(&flowType) != MSGID_HANDSHAKE || flowType != FLOW_HANDSHAKE) return nullptr;
+        send(header(FLOW_HANDSHAKE, MSGID_HANDSHAKE, "BASE", 0, 0));
+        if (opening.wait_for(std::chrono::seconds(10)) != std::future_status::ready || opening.get() != 0) return nullptr;
+        return tok;
+    }
+
+    // Reads the next whole message from the library; its message id, or 0 when none came within 10 s.
+    int32_t nextRequest(int32_t* flowType = nullptr)
+    {
+        uint8_t fixed[24];
+        if (!take(fixed, sizeof fixed)) return 0;
+        int32_t typeLength = at(fixed, 20);
+        std::string rest(static_cast<size_t>(typeLength) + 5, '\0');
+        if (!take(&rest[0], rest.size())) return 0;
+        std::string payload(static_cast<size_t>(at(reinterpret_cast<const uint8_t*>(&rest[typeLength + 1]), 0)), '\0');
+        if (!payload.empty() && !take(&payload[0], payload.size())) return 0;
+        if (flowType != nullptr) *flowType = at(fixed, 8);
+        return at(fixed, 12);
+    }
+
+    static std::string be32(int32_t v)
+    {
+        std::string out;
+        for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(static_cast<uint32_t>(v) >> shift);
+        return out;
+    }
+
+    // A message header as the Gateway writes it, announcing `payload` bytes.
+    static std::string header(int32_t flowType, int32_t messageId, const std::string& type, int32_t payload,
+                              int32_t rc)
+    {
+        return be32(FLOW_EYECATCHER) + be32(FLOW_VERSION) + be32(flowType) + be32(messageId) + be32(rc) +
+               be32(static_cast<int32_t>(type.size())) + type + std::string(1, '\0') + be32(payload);
+    }
+
+    // The Gateway goes away without a close flow.
+    void hangUp()
+    {
+        if (peer_ >= 0) close(peer_);
+        peer_ = -1;
+    }
+
+    void send(const std::string& bytes) { ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::send(peer_, bytes.data(), bytes.size(), 0)); }
+
+private:
+    static int32_t at(const uint8_t* bytes, size_t offset)
+    {
+        return static_cast<int32_t>(static_cast<uint32_t>(bytes[offset]) << 24 | bytes[offset + 1] << 16 |
+                                    bytes[offset + 2] << 8 | bytes[offset + 3]);
+    }
+
+    bool take(void* into, size_t length)
+    {
+        uint8_t* cursor = static_cast<uint8_t*>(into);
+        while (length > 0) {
+            struct pollfd ready = {peer_, POLLIN, 0};
+            if (poll(&ready, 1, 10000) != 1) return false;
+            ssize_t got = recv(peer_, cursor, length, 0);
+            if (got <= 0) return false;
+            cursor += got;
+            length -= static_cast<size_t>(got);
+        }
+        return true;
+    }
+
+    int listener_ = -1;
+    int peer_ = -1;
+    int port_ = 0;
+};
+
+// A synchronous call on a thread of its own, for a Gateway that the test thread plays.
+std::future<int> callInBackground(GatewayToken* tok, char* area, short length)
+{
+    return std::async(std::launch::async, [=] { return callProgram(tok, "ECHO", area, length); });
+}
+
+TEST(ScriptedReplies, UnexpectedRequestTypeFailsOneRequestAndTheConnectionGoesOn)
+{
+    ScriptedGateway gateway;
+    GatewayToken* tok = gateway.open();
+    ASSERT_NE(nullptr, tok);
+    TraceCapture trace(1);
+    char area[8] = "odd";
+    auto call = callInBackground(tok, area, 3);
+    int32_t id = gateway.nextRequest();
+    ASSERT_NE(0, id);
+    gateway.send(ScriptedGateway::header(FLOW_REPLY, id, "XYZ", 0, 0));
+    ASSERT_EQ(std::future_status::ready, call.wait_for(std::chrono::seconds(10)));
+    EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, call.get());
+    EXPECT_TRUE(trace.has(3042, "clapi_gwycon.receiverThread() Gateway returned unexpected request type XYZ"))
+        << trace.text();
+    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
+
+    // The next request is still answered on the same connection.
+    auto next = callInBackground(tok, area, 3);
+    id = gateway.nextRequest();
+    ASSERT_NE(0, id);
+    gateway.send(ScriptedGateway::header(FLOW_ERROR, id, "ECI", 0, ZEP_ERR_WORK_WAS_REFUSED));
+    ASSERT_EQ(std::future_status::ready, next.wait_for(std::chrono::seconds(10)));
+    EXPECT_EQ(ZEP_ERR_WORK_WAS_REFUSED, next.get());
+    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
+    gateway.hangUp();
+    ASSERT_TRUE(pollUntil([&] { return connStatusOf(tok) == CONN_LOST; }));
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
+}
+
+TEST(ScriptedReplies, ConnectionErrorFlowAfterTheHandshakeEndsTheConnection)
+{
+    ScriptedGateway gateway;
+    GatewayToken* tok = gateway.open();
+    ASSERT_NE(nullptr, tok);
+    char area[8] = "wait";
+    auto call = callInBackground(tok, area, 4);
+    ASSERT_NE(0, gateway.nextRequest());
+    gateway.send(ScriptedGateway::header(FLOW_ERROR, MSGID_HANDSHAKE, "BASE", 0, ZEP_ERR_WORK_WAS_REFUSED));
+    ASSERT_EQ(std::future_status::ready, call.wait_for(std::chrono::seconds(10)));
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, call.get());
+    EXPECT_EQ(CONN_LOST, connStatusOf(tok));
+    EXPECT_EQ(ZEP_ERR_WORK_WAS_REFUSED, __atomic_load_n(&tok->connRc, __ATOMIC_RELAXED));
+    gateway.hangUp();
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
+}
+
+TEST(ScriptedReplies, EsiReplyCutShortEndsTheConnectionAndLeavesTheDetailsAlone)
+{
+    ScriptedGateway gateway;
+    GatewayToken* tok = gateway.open();
+    ASSERT_NE(nullptr, tok);
+    EsiDetails details;
+    memset(&details, 0xAB, sizeof details);
+    auto verify = std::async(std::launch::async, [&] {
+        return ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details);
+    });
+    int32_t id = gateway.nextRequest();
+    ASSERT_NE(0, id);
+    // A return code of 0 and then the message ends in the middle of the first time stamp.
+    gateway.send(ScriptedGateway::header(FLOW_REPLY, id, "ESI", 8, 0) + ScriptedGateway::be32(0) +
+                 ScriptedGateway::be32(2026));
+    ASSERT_EQ(std::future_status::ready, verify.wait_for(std::chrono::seconds(10)));
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, verify.get());
+    EXPECT_EQ(CONN_LOST, connStatusOf(tok));
+    EXPECT_NE(0, __atomic_load_n(&tok->connRc, __ATOMIC_RELAXED));
+    for (size_t i = 0; i < sizeof details; i++)
+        EXPECT_EQ(0xAB, reinterpret_cast<const uint8_t*>(&details)[i]) << "byte " << i;
+    gateway.hangUp();   // so that a connection wrongly left open cannot hold up the close
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
 }
 
 }  // namespace

@@ -225,11 +225,11 @@ class SlotsInFlight : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(gw.start());
+        ASSERT_TRUE(gw.start({"-v"}));
         ASSERT_EQ(0, openGateway(gw, &tok));
     }
 
-    // Starts `count` calls of `program` and waits until every one of them awaits its reply.
+    // Starts `count` calls of `program` and waits until each holds a slot marked as sent.
     void startCalls(int count, const char* program, const char* data = "")
     {
         for (int i = 0; i < count; i++) calls.push_back(std::make_unique<BackgroundCall>(tok, program, data));
@@ -243,8 +243,11 @@ protected:
 
 TEST_F(SlotsInFlight, SeventeenRequestsCreateAndThenTrimTheSecondBlock)
 {
-    startCalls(18, "DELAY", "400");
+    // With zepgw stopped no reply can free a slot before all 18 are taken.
+    ASSERT_TRUE(gw.pause());
+    startCalls(18, "ECHO");
     EXPECT_EQ(32, chainLength(tok));
+    ASSERT_TRUE(gw.resume());
     for (auto& call : calls) EXPECT_EQ(0, call->result());
     EXPECT_EQ(16, chainLength(tok)) << "the last free in the second block released it";
     EXPECT_EQ(0, slotsInState(tok, SLOT_SENT));
@@ -254,6 +257,7 @@ TEST_F(SlotsInFlight, SeventeenRequestsCreateAndThenTrimTheSecondBlock)
 TEST_F(SlotsInFlight, DeletingATokenFreesBlocksStillInUse)
 {
     startCalls(34, "HANG");
+    ASSERT_TRUE(awaitRequestsLogged(gw, "HANG", 34));
     EXPECT_EQ(48, chainLength(tok));
     EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 0));
     for (auto& call : calls) EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, call->result());
