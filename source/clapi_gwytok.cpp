@@ -316,8 +316,7 @@ static void trimFreeBlocks(RequestSlot* requestTableP)
         if (block == requestTableP || !slotBlockIsFree(block)) return;
         TRACE_DEBUG(2059, "clapi_gwytok.slotFree() Freeing slot table at slotP=%p, first=%d, last=%d\n", (void*)block,
                     block[0].slotNumber, block[SLOTS_PER_TABLE - 1].slotNumber);
-        memset((void*)block, 0, SLOTS_PER_TABLE * sizeof(RequestSlot));
-        free(block);
+        clapiZeroFree((void*)block, SLOTS_PER_TABLE * sizeof(RequestSlot));
         tailBefore->nextSlot = NULL;
     }
 }
@@ -503,8 +502,7 @@ int quiesceConnection(GatewayToken* gwToken, int closeTimeout)
 static void releaseAsyncBuffer(RequestSlot* slot)
 {
     if (slot->request.eci_call_type != ECI_ASYNC || slot->request.eci_commarea == NULL) return;
-    memset(slot->request.eci_commarea, 0, slot->replyAreaLength);
-    free(slot->request.eci_commarea);
+    clapiZeroFree(slot->request.eci_commarea, slot->replyAreaLength);
     slot->request.eci_commarea = NULL;
 }
 
@@ -526,8 +524,7 @@ static void freeAllSlots(GatewayToken* gwToken)
     table[SLOTS_PER_TABLE - 1].nextSlot = NULL;
     while (block != NULL) {
         RequestSlot* next = block[SLOTS_PER_TABLE - 1].nextSlot;
-        memset((void*)block, 0, SLOTS_PER_TABLE * sizeof(RequestSlot));
-        free(block);
+        clapiZeroFree((void*)block, SLOTS_PER_TABLE * sizeof(RequestSlot));
         block = next;
     }
 }
@@ -571,8 +568,7 @@ static int freeQuiescedToken(GatewayToken** gwTokPtr)
     if (gwToken->socket != -1) closeSocket(gwToken->socket);
     unlinkGatewayToken(gwToken, parent);
     TRACE_DEBUG(2032, "clapi_gwytok.clapiDeleteGatewayToken() Free gateway token=%p\n", (void*)gwToken);
-    memset((void*)gwToken, 0, sizeof *gwToken);
-    free(gwToken);
+    clapiZeroFree((void*)gwToken, sizeof *gwToken);
     *gwTokPtr = NULL;
     clapiReleaseLock(&gtlLock);
     return 0;
