@@ -164,8 +164,14 @@ static void discardSlot(GatewayToken* gwTok, RequestSlot* slot)
  */
 static void saveRequest(RequestSlot* slot, const EciParms* parms)
 {
+    static uint32_t lastSerial = 0;
     memcpy(&slot->request, parms, sizeof(EciParms));
     slot->request.eci_channel = NULL;
+    /* A slot last used for ESI must not hand a faulty "ESI" reply the pointer of that earlier caller. */
+    slot->esiDetailsPtr = NULL;
+    uint32_t serial;   /* never 0, which stands for no request seen yet */
+    while ((serial = __atomic_add_fetch(&lastSerial, 1, __ATOMIC_RELAXED)) == 0) {}
+    slot->requestSerial = serial;
     /* An asynchronous reply is matched by the qualifier in the copy. */
     if (parms->eci_call_type == ECI_ASYNC) slot->request.eci_message_qualifier = (uint32_t)slot->slotNumber;
 }
@@ -219,18 +225,40 @@ static int markSlotSent(GatewayToken* gwTok, RequestSlot* slot, bool isAsync)
     return rc;
 }
 
-/* Table lock not held on entry. An asynchronous request that could not be written is no longer outstanding. */
-static void uncountAsyncRequest(GatewayToken* gwTok)
+/* Table lock held on entry. A reply collected, or a request withdrawn, is no longer outstanding. */
+static void lowerAsyncCount(GatewayToken* gwTok, int id, const char* function)
 {
-    if (clapiRequestLock(&gwTok->tableLock) != 0) {
-        TRACE_EXC(1530, "clapi_eci.performEciExecute() Failed to lock slot table to update async count\n");
-        return;
+    if (gwTok->asyncRequests > 0) gwTok->asyncRequests--;
+    TRACE_DEBUG(id, "clapi_eci.%s() Async requests=%d on gwTok=%p\n", function, gwTok->asyncRequests, (void*)gwTok);
+}
+
+/* Table lock held on entry. Takes the slot out of the reply queue; prev is its predecessor, or NULL. */
+static void unlinkReply(GatewayToken* gwTok, RequestSlot* slot, RequestSlot* prev)
+{
+    RequestSlot* next = slot->nextAsyncReply;
+    if (prev != NULL) prev->nextAsyncReply = next;
+    else gwTok->asyncReplyHead = next;
+    if (next == NULL) gwTok->asyncReplyTail = prev;
+    slot->nextAsyncReply = NULL;
+}
+
+/* Table lock held on entry. True when the slot is queued; prevPP gets its predecessor. */
+static bool findInReplyQueue(GatewayToken* gwTok, const RequestSlot* slot, RequestSlot** prevPP)
+{
+    *prevPP = NULL;
+    for (RequestSlot* queued = gwTok->asyncReplyHead; queued != NULL; queued = queued->nextAsyncReply) {
+        if (queued == slot) return true;
+        *prevPP = queued;
     }
-    gwTok->asyncRequests--;
-    TRACE_DEBUG(1531, "clapi_eci.performEciExecute() Async requests=%d on gwTok=%p\n", gwTok->asyncRequests,
-                (void*)gwTok);
-    if (clapiReleaseLock(&gwTok->tableLock) != 0)
-        TRACE_EXC(1532, "clapi_eci.performEciExecute() Failed to unlock slot table after updating async count\n");
+    return false;
+}
+
+/* Table lock held on entry. A freed slot's block may have been trimmed: only slots still in the chain are looked at. */
+static bool slotInTable(GatewayToken* gwTok, const RequestSlot* slot)
+{
+    for (RequestSlot* s = gwTok->requestTable; s != NULL; s = s->nextSlot)
+        if (s == slot) return true;
+    return false;
 }
 
 /* ---------------------------------------------------------------- building and sending a request */
@@ -361,8 +389,46 @@ static int writeRequest(GatewayToken* gwTok, FlowHeader* header, EciRequest* req
     return rc;
 }
 
-/* No lock held on entry. Builds the request from the caller's block and writes it. 0 means sent. */
-static int sendRequest(GatewayToken* gwTok, const EciParms* parms, bool useChannel, RequestSlot* slot)
+/*
+ * Table lock not held on entry. An asynchronous request whose write failed after it was marked sent. Meanwhile
+ * the receiver may have failed and queued it, and a collector may even have consumed it: freed its buffer and
+ * slot, lowered the count and unlocked its channel. So everything is decided in one hold of the table lock.
+ * True when a collector had consumed it already: then nothing of the request is left to release.
+ */
+static bool withdrawAsyncRequest(GatewayToken* gwTok, RequestSlot* slot, uint32_t serial)
+{
+    if (clapiRequestLock(&gwTok->tableLock) != 0) {
+        TRACE_EXC(1530, "clapi_eci.performEciExecute() Failed to lock slot table to update async count\n");
+        return false;
+    }
+    bool ours = slotInTable(gwTok, slot) && slot->requestSerial == serial && slot->request.eci_call_type == ECI_ASYNC;
+    RequestSlot* prev = NULL;
+    bool queued = ours && slot->slotState == SLOT_REPLIED && findInReplyQueue(gwTok, slot, &prev);
+    ours = ours && (slot->slotState == SLOT_SENT || queued);
+    if (ours) {
+        if (queued) unlinkReply(gwTok, slot, prev);
+        lowerAsyncCount(gwTok, 1531, "performEciExecute");
+        freeAsyncCommarea(slot);
+        slotFree(gwTok->requestTable, slot);
+    }
+    if (clapiReleaseLock(&gwTok->tableLock) != 0)
+        TRACE_EXC(1532, "clapi_eci.performEciExecute() Failed to unlock slot table after updating async count\n");
+    return !ours;
+}
+
+/* What is left to the caller of a request that could not be sent. */
+typedef enum UnsentRequest {
+    UNSENT_SLOT_HELD,         /* the slot is still the caller's to free */
+    UNSENT_WITHDRAWN,         /* slot and buffer are released; a channel is still the caller's to unlock */
+    UNSENT_COLLECTED,         /* a reply collector released everything, the channel lock included */
+} UnsentRequest;
+
+/*
+ * No lock held on entry. Builds the request from the caller's block and writes it. 0 means sent; otherwise
+ * *unsent tells what is left to release.
+ */
+static int sendRequest(GatewayToken* gwTok, const EciParms* parms, bool useChannel, RequestSlot* slot,
+                       UnsentRequest* unsent)
 {
     bool isAsync = parms->eci_call_type == ECI_ASYNC;
     FlowHeader header;
@@ -382,12 +448,14 @@ static int sendRequest(GatewayToken* gwTok, const EciParms* parms, bool useChann
         TRACE_EXC(1524, "clapi_eci.performEciExecute() Failed to set request event in slot\n");
         rc = ECI_ERR_SYSTEM_ERROR;
     }
-    if (rc == 0) rc = markSlotSent(gwTok, slot, isAsync);
-    if (rc == 0) {
-        rc = writeRequest(gwTok, &header, &request);
-        if (rc != 0 && isAsync) uncountAsyncRequest(gwTok);
-    }
-    if (rc != 0 && isAsync && !useChannel) freeAsyncCommarea(slot);
+    *unsent = UNSENT_SLOT_HELD;
+    uint32_t serial = slot->requestSerial;
+    bool marked = rc == 0 && (rc = markSlotSent(gwTok, slot, isAsync)) == 0;
+    if (marked) rc = writeRequest(gwTok, &header, &request);
+    if (rc != 0 && marked && isAsync)
+        *unsent = withdrawAsyncRequest(gwTok, slot, serial) ? UNSENT_COLLECTED : UNSENT_WITHDRAWN;
+    else if (rc != 0 && isAsync && !useChannel)
+        freeAsyncCommarea(slot);
     wipe(&copies, sizeof copies, 0);
     return rc;
 }
@@ -414,39 +482,56 @@ static int finishSyncCall(GatewayToken* gwTok, EciParms* parms, RequestSlot* slo
     return rc;
 }
 
-int performEciExecute(GatewayToken* gwTok, EciParms* parms, bool useChannel)
+/* *channelReleased tells a failed asynchronous channel call that a reply collector already unlocked its channel. */
+static int executeRequest(GatewayToken* gwTok, EciParms* parms, bool useChannel, bool* channelReleased)
 {
     TRACE_ENTRY(1517, "clapi_eci.performEciExecute(gwTok=%p, EciParms=%p, useChannel=%s)\n", (void*)gwTok,
                 (void*)parms, TRACE_BOOL(useChannel));
+    *channelReleased = false;
     RequestSlot* slot = NULL;
     int rc = reserveSlot(gwTok, parms, &slot);
     if (slot != NULL) {
         bool isSync = parms->eci_call_type == ECI_SYNC;
-        if (rc == 0) rc = sendRequest(gwTok, parms, useChannel, slot);
+        uint32_t qualifier = (uint32_t)slot->slotNumber;   /* a withdrawn slot may be gone with its block */
+        UnsentRequest unsent = UNSENT_SLOT_HELD;
+        if (rc == 0) rc = sendRequest(gwTok, parms, useChannel, slot, &unsent);
         if (rc == 0 && isSync) {
             /* No time limit of our own: the time-out travels to the Gateway, a lost connection fails the slot. */
             rc = clapiWaitEvent(&slot->event);
             if (rc == 0) rc = finishSyncCall(gwTok, parms, slot);
             else discardSlot(gwTok, slot);
         } else {
-            if (!isSync) parms->eci_message_qualifier = (uint32_t)slot->slotNumber;
-            if (rc != 0) discardSlot(gwTok, slot);
+            if (!isSync) parms->eci_message_qualifier = qualifier;
+            if (rc != 0 && unsent == UNSENT_SLOT_HELD) discardSlot(gwTok, slot);
+            *channelReleased = unsent == UNSENT_COLLECTED;
         }
     }
     TRACE_EXIT(1535, "clapi_eci.performEciExecute() rc=%d (%s)\n", rc, clapiGetRcString(rc));
     return rc;
 }
 
+int performEciExecute(GatewayToken* gwTok, EciParms* parms, bool useChannel)
+{
+    bool channelReleased;
+    return executeRequest(gwTok, parms, useChannel, &channelReleased);
+}
+
 /* ---------------------------------------------------------------- asynchronous replies */
 
-/* Table lock held on entry. The qualifier must name a slot that carries an asynchronous request. */
-static int checkQualifier(GatewayToken* gwTok, uint32_t qualifier)
+/*
+ * Table lock held on entry. The qualifier must name a slot that carries an asynchronous request. *serial is 0
+ * on the first check and receives the request found; a later check also refuses a slot that another request
+ * has taken since (the reply was collected by another call).
+ */
+static int checkQualifier(GatewayToken* gwTok, uint32_t qualifier, uint32_t* serial)
 {
     RequestSlot* match = NULL;
     for (RequestSlot* slot = gwTok->requestTable; slot != NULL; slot = slot->nextSlot)
         if ((uint32_t)slot->slotNumber == qualifier) match = slot;
     if (match == NULL || match->slotState == SLOT_FREE || match->request.eci_call_type != ECI_ASYNC)
         return ECI_ERR_INVALID_MSG_QUAL;
+    if (*serial != 0 && match->requestSerial != *serial) return ECI_ERR_INVALID_MSG_QUAL;
+    *serial = match->requestSerial;
     if (match->slotState != SLOT_SENT && match->slotState != SLOT_REPLIED) return ECI_ERR_NO_REPLY;
     return 0;
 }
@@ -471,7 +556,11 @@ static int awaitQueuedReply(GatewayToken* gwTok, int callType, uint32_t qualifie
 {
     bool specific = callType == ECI_GET_SPECIFIC_REPLY || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
     bool wait = callType == ECI_GET_REPLY_WAIT || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
+    uint32_t serial = 0;
     for (;;) {
+        /* Checked again after every wake: another call may have taken this reply meanwhile. */
+        int rc = specific ? checkQualifier(gwTok, qualifier, &serial) : 0;
+        if (rc != 0) return rc;
         if (isClosing(gwTok) && gwTok->asyncRequests == 0) return ZEP_ERR_GWTOK_CLOSED;
         *slotPP = findQueuedReply(gwTok, specific, qualifier, prevPP);
         if (*slotPP != NULL) return 0;
@@ -530,29 +619,28 @@ static int deliverReply(EciParms* parms, RequestSlot* slot)
 static int releaseReply(GatewayToken* gwTok, const EciParms* parms, RequestSlot* slot, RequestSlot* prev)
 {
     freeAsyncCommarea(slot);
-    if (gwTok->asyncRequests > 0) gwTok->asyncRequests--;
-    TRACE_DEBUG(1545, "clapi_eci.getAsyncReply() Async requests=%d on gwTok=%p\n", gwTok->asyncRequests, (void*)gwTok);
-
-    RequestSlot* next = slot->nextAsyncReply;
-    if (prev != NULL) prev->nextAsyncReply = next;
-    else gwTok->asyncReplyHead = next;
-    if (next == NULL) gwTok->asyncReplyTail = prev;
-    slot->nextAsyncReply = NULL;
+    lowerAsyncCount(gwTok, 1545, "getAsyncReply");
+    unlinkReply(gwTok, slot, prev);
 
     int rc = slot->flowRc != 0 ? slot->flowRc : slot->replyRc;
     /* Unlike the synchronous path, any LUW token that is not negative keeps the slot. */
-    if (slot->flowRc == 0 && parms->eci_extend_mode == ECI_EXTEND_LUW && parms->eci_luw_token >= 0)
+    if (slot->flowRc == 0 && parms->eci_extend_mode == ECI_EXTEND_LUW && parms->eci_luw_token >= 0) {
         slot->slotState = SLOT_LUW_KEPT;
-    else
+        /* The channel is unlocked below and may then be deleted; the kept slot must not point at it. */
+        slot->request.eci_channel = NULL;
+    } else {
         slotFree(gwTok->requestTable, slot);
+    }
 
     if (parms->eci_channel != NULL && unlockChannel(parms->eci_channel) != 0) {
         TRACE_EXC(1566, "clapi_eci.getAsyncReply() Unlock channel failed\n");
         if (rc == 0) rc = ECI_ERR_SYSTEM_ERROR;
     }
-    /* A closing token with nothing outstanding leaves the event signalled, so every other waiter sees it. */
-    bool lastOfClosing = isClosing(gwTok) && gwTok->asyncRequests <= 0;
-    if (gwTok->asyncReplyHead == NULL && !lastOfClosing && clapiSetEvent(&gwTok->asyncReplyEvent) != 0) {
+    /*
+     * Every other waiter wakes and looks again: one may wait for exactly this reply and must learn that it is
+     * gone, or the token may be closing with nothing left outstanding. Waiters arm the event before they sleep.
+     */
+    if (clapiClearEvent(&gwTok->asyncReplyEvent) != 0) {
         TRACE_EXC(1546, "clapi_eci.getAsyncReply() Failed to set asyncReplyEvent\n");
         if (rc == 0) rc = ECI_ERR_SYSTEM_ERROR;
     }
@@ -562,15 +650,9 @@ static int releaseReply(GatewayToken* gwTok, const EciParms* parms, RequestSlot*
 /* Table lock held on entry; *locked tells whether it is still held on return. */
 static int collectReply(GatewayToken* gwTok, EciParms* parms, bool* locked)
 {
-    int callType = parms->eci_call_type;
-    uint32_t qualifier = parms->eci_message_qualifier;
-    if (callType == ECI_GET_SPECIFIC_REPLY || callType == ECI_GET_SPECIFIC_REPLY_WAIT) {
-        int rc = checkQualifier(gwTok, qualifier);
-        if (rc != 0) return rc;
-    }
     RequestSlot* slot = NULL;
     RequestSlot* prev = NULL;
-    int rc = awaitQueuedReply(gwTok, callType, qualifier, &slot, &prev, locked);
+    int rc = awaitQueuedReply(gwTok, parms->eci_call_type, parms->eci_message_qualifier, &slot, &prev, locked);
     if (rc != 0) return rc;
     TRACE_EVENT(1542, "clapi_eci.getAsyncReply() Async reply found, msg qual=%d\n", slot->slotNumber);
     rc = deliverReply(parms, slot);
@@ -677,8 +759,9 @@ static int executeWithChannel(GatewayToken* gwTok, EciParms* parms)
     if (rc != 0) return rc;
     /* Without data the channel is neither sent nor ours: another call may be writing its reply into it. */
     if (owns) rc = setChannelCcsid(channel);
-    if (rc == 0) rc = performEciExecute(gwTok, parms, true);
-    if (owns && (parms->eci_call_type == ECI_SYNC || rc != 0) && unlockChannel(channel) != 0) {
+    bool released = false;
+    if (rc == 0) rc = executeRequest(gwTok, parms, true, &released);
+    if (owns && !released && (parms->eci_call_type == ECI_SYNC || rc != 0) && unlockChannel(channel) != 0) {
         TRACE_EXC(1564, "API.ZEP_ECI_Execute_Channel() Unlock channel failed\n");
         if (rc == 0) rc = ECI_ERR_SYSTEM_ERROR;
     }

@@ -319,6 +319,9 @@ struct tm* ZEP_ESI_convertTime(const EsiTime* esiTime, struct tm* result)
     if (esiTime != NULL && result != NULL) {
         if (esiTime->year == 0) {
             memset(result, 0, sizeof *result);   /* an unset time */
+        } else if (esiTime->month < 0 || esiTime->month > 11) {
+            /* The month indexes the tables: outside them the result is left as it was. */
+            TRACE_EXC(1828, "API.ZEP_ESI_convertTime() Invalid month, month=%d\n", esiTime->month);
         } else {
             result->tm_wday = weekday(esiTime->year, esiTime->month, esiTime->day);
             result->tm_yday = dayOfYear(esiTime->year, esiTime->month, esiTime->day);

@@ -1,13 +1,23 @@
 // Asynchronous ECI calls against zepgw and the collection of their replies.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <future>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "clapi_channel.h"
 #include "clapi_internal.h"
+#include "clapi_lock.h"
 #include "eci_test_support.h"
 #include "trace_capture.h"
 
@@ -277,10 +287,11 @@ TEST(EciAsync, ClosingTokenWithoutOutstandingRequestsRefusesReplyCalls)
     GatewayToken* tok = conn.token();
     TraceCapture trace(3);
 
-    // A synchronous call in flight keeps the close waiting.
+    // A synchronous call in flight keeps the close waiting: zepgw answers it only once it is resumed.
+    ASSERT_TRUE(conn.zepgw().pause());
     auto caller = std::async(std::launch::async, [tok] {
-        char area[16] = "1500";
-        EciParms parms = eciBlock(ECI_SYNC, "DELAY", area, sizeof area);
+        char area[16] = "held";
+        EciParms parms = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
         return ZEP_ECI_Execute(tok, &parms);
     });
     ASSERT_TRUE(eventually([&] { return trace.hasId(1517); }));   // the call has registered and is sending
@@ -297,7 +308,9 @@ TEST(EciAsync, ClosingTokenWithoutOutstandingRequestsRefusesReplyCalls)
     EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, rc);
     EciParms wait = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
     EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, ZEP_ECI_Execute(tok, &wait));
+    EXPECT_EQ(std::future_status::timeout, closer.wait_for(std::chrono::milliseconds(0)));
 
+    ASSERT_TRUE(conn.zepgw().resume());
     ASSERT_EQ(std::future_status::ready, caller.wait_for(seconds(10)));
     EXPECT_EQ(0, caller.get());
     ASSERT_EQ(std::future_status::ready, closer.wait_for(seconds(10)));
@@ -346,6 +359,217 @@ TEST(EciAsync, WaitForAnyReplyWithNothingOutstandingEndsWhenTheConnectionIsLost)
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &drop));
     ASSERT_EQ(std::future_status::ready, waiter.wait_for(seconds(5)));
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, waiter.get());
+}
+
+int asyncRequestsOf(GatewayToken* tok)
+{
+    ClapiLockGuard guard(&tok->tableLock);
+    return tok->asyncRequests;
+}
+
+int connStatusOf(GatewayToken* tok)
+{
+    return __atomic_load_n(&tok->connStatus, __ATOMIC_RELAXED);
+}
+
+// An asynchronous call that is marked sent while the test holds the send lock, so that the connection can end,
+// and a collector can take the failed request, before its write fails.
+TEST(EciAsync, SendFailingAsTheConnectionEndsReleasesEverythingOnce)
+{
+    const struct {
+        const char* what;
+        bool withChannel;
+        bool collectedFirst;
+    } cases[] = {
+        {"COMMAREA, nobody collects the failure", false, false},
+        {"COMMAREA, a collector takes the failure before the write fails", false, true},
+        {"channel, nobody collects the failure", true, false},
+        {"channel, a collector takes the failure before the write fails", true, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        GatewayConnection conn;
+        ASSERT_TRUE(conn.ok());
+        GatewayToken* tok = conn.token();
+        Channel* channel = nullptr;
+        if (c.withChannel) {
+            ASSERT_EQ(0, ECI_createChannel("SENDFAIL", &channel));
+        }
+
+        ASSERT_EQ(0, clapiRequestLock(&tok->sendLock));
+        auto sender = std::async(std::launch::async, [tok, channel] {
+            char area[8] = "lost";
+            EciParms parms = eciBlock(ECI_ASYNC, "ECHO", channel != nullptr ? nullptr : area,
+                                      channel != nullptr ? 0 : sizeof area);
+            parms.eci_channel = channel;
+            return channel != nullptr ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
+        });
+        const bool marked = eventually([&] { return asyncRequestsOf(tok) == 1; });
+        EXPECT_TRUE(marked);
+        EXPECT_TRUE(conn.zepgw().signal(SIGKILL));
+        EXPECT_TRUE(eventually([&] { return connStatusOf(tok) == CONN_LOST; }));
+        if (c.collectedFirst) {
+            char reply[8];
+            EciParms collect = replyBlock(ECI_GET_REPLY, 0, reply, sizeof reply);
+            EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &collect));
+            EXPECT_EQ(0, asyncRequestsOf(tok));
+            // The collector gave the channel back; the next owner takes it.
+            if (channel != nullptr) {
+                EXPECT_EQ(0, lockChannel(channel));
+            }
+        }
+        ASSERT_EQ(0, clapiReleaseLock(&tok->sendLock));
+        ASSERT_EQ(std::future_status::ready, sender.wait_for(seconds(5)));
+        EXPECT_NE(0, sender.get());
+
+        EXPECT_EQ(0, asyncRequestsOf(tok));
+        char reply[8];
+        EciParms after = replyBlock(ECI_GET_REPLY, 0, reply, sizeof reply);
+        EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(tok, &after));   // nothing of the request is left queued
+        if (channel != nullptr) {
+            // Locked only while the next owner holds it: the failed call never unlocks it a second time.
+            EXPECT_EQ(c.collectedFirst ? 1 : 0, channel->isLocked);
+            if (c.collectedFirst) {
+                EXPECT_EQ(0, unlockChannel(channel));
+            }
+            EXPECT_EQ(0, ECI_deleteChannel(&channel));
+        }
+    }
+}
+
+// A thread stopped in a signal handler until released: it cannot take a reply while it is held there.
+std::atomic<int> freezer{0};   // 1 while a thread is held, 2 to release it
+
+void holdThread(int)
+{
+    freezer.store(1);
+    while (freezer.load() != 2) sched_yield();
+}
+
+TEST(EciAsync, SpecificWaitLearnsThatAnotherCallTookItsReply)
+{
+    struct sigaction hold;
+    memset(&hold, 0, sizeof hold);
+    hold.sa_handler = holdThread;
+    struct sigaction previous;
+    ASSERT_EQ(0, sigaction(SIGUSR1, &hold, &previous));
+    for (bool slotReused : {false, true}) {
+        SCOPED_TRACE(slotReused ? "the slot is taken by a new request" : "the slot stays free");
+        GatewayConnection conn;
+        ASSERT_TRUE(conn.ok());
+        GatewayToken* tok = conn.token();
+        TraceCapture trace(4);
+        ASSERT_TRUE(conn.zepgw().pause());   // the reply comes only once the waiter is held
+        char request[8] = "taken";
+        const uint32_t q = startCall(tok, "ECHO", request, sizeof request);
+        ASSERT_NE(0u, q);
+
+        std::promise<int> result;
+        std::future<int> waited = result.get_future();
+        std::thread waiter([tok, q, &result] {
+            char reply[8];
+            EciParms parms = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, q, reply, sizeof reply);
+            result.set_value(ZEP_ECI_Execute(tok, &parms));
+        });
+        const std::string sleeping =
+            "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
+        EXPECT_TRUE(eventually([&] { return trace.has(3119, sleeping); }));
+        freezer.store(0);
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+        EXPECT_TRUE(eventually([] { return freezer.load() == 1; }));
+
+        // Another call takes the reply while the waiter is held.
+        ASSERT_TRUE(conn.zepgw().resume());
+        char other[8];
+        int rc = ECI_ERR_NO_REPLY;
+        EXPECT_TRUE(eventually([&] {
+            EciParms any = replyBlock(ECI_GET_REPLY, 0, other, sizeof other);
+            rc = ZEP_ECI_Execute(tok, &any);
+            return rc != ECI_ERR_NO_REPLY;
+        }));
+        EXPECT_EQ(0, rc);
+        EXPECT_STREQ("taken", other);
+        char next[8] = "next";
+        if (slotReused) {
+            EXPECT_EQ(q, startCall(tok, "ECHO", next, sizeof next));
+        }
+
+        freezer.store(2);
+        const bool ended = waited.wait_for(seconds(5)) == std::future_status::ready;
+        EXPECT_TRUE(ended) << "the waiter still waits for a reply that another call took";
+        if (!ended) conn.zepgw().signal(SIGKILL);   // ends the wait, so that the thread can be joined
+        waiter.join();
+        EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, waited.get());
+        if (slotReused) {
+            // The new request's reply is still there for its own collector.
+            EciParms own = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, q, next, sizeof next);
+            EXPECT_EQ(0, ZEP_ECI_Execute(tok, &own));
+            EXPECT_STREQ("next", next);
+        }
+    }
+    sigaction(SIGUSR1, &previous, nullptr);
+}
+
+TEST(EciAsync, NoCommareaAtAllGoesAndComesBackEmpty)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    const uint32_t q = startCall(conn.token(), "ECHO", nullptr, 0);
+    ASSERT_NE(0u, q);
+    EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, nullptr, 0);
+    collect.commarea_inbound_length = 99;
+    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &collect));
+    EXPECT_EQ(q, copyOf(collect.eci_message_qualifier));
+    EXPECT_EQ(0, copyOf(collect.commarea_inbound_length));
+    EXPECT_EQ(nullptr, copyOf(collect.eci_commarea));
+}
+
+TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    GatewayToken* tok = conn.token();
+    TraceCapture trace(4);
+    constexpr int kWaiters = 3;
+    struct Waiter {
+        char reply[8];
+        EciParms parms;
+        std::future<int> rc;
+    } waiters[kWaiters];
+    for (Waiter& w : waiters) {
+        memset(w.reply, 0, sizeof w.reply);
+        w.parms = replyBlock(ECI_GET_REPLY_WAIT, 0, w.reply, sizeof w.reply);
+        w.rc = std::async(std::launch::async, [tok, &w] { return ZEP_ECI_Execute(tok, &w.parms); });
+    }
+    const std::string sleeping =
+        "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
+    ASSERT_TRUE(eventually([&] {   // every waiter has gone to sleep
+        size_t asleep = 0;
+        for (const TraceRecord& r : trace.find(3119)) asleep += r.message == sleeping;
+        return asleep >= kWaiters;
+    }));
+
+    auto ready = [&] {
+        int n = 0;
+        for (Waiter& w : waiters) n += w.rc.wait_for(std::chrono::milliseconds(0)) == std::future_status::ready;
+        return n;
+    };
+    const char* texts[kWaiters] = {"one", "two", "three"};
+    for (int sent = 1; sent <= kWaiters; ++sent) {
+        char area[8];
+        memset(area, 0, sizeof area);
+        strcpy(area, texts[sent - 1]);
+        ASSERT_NE(0u, startCall(tok, "ECHO", area, sizeof area));
+        ASSERT_TRUE(eventually([&] { return ready() >= sent; }));
+        EXPECT_EQ(sent, ready()) << "a waiter returned without a reply of its own";
+    }
+    std::vector<std::string> got;
+    for (Waiter& w : waiters) {
+        EXPECT_EQ(0, w.rc.get());
+        got.push_back(w.reply);
+    }
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ((std::vector<std::string>{"one", "three", "two"}), got);
 }
 
 TEST(EciAsync, FoundReplyIsTracedWithItsQualifier)

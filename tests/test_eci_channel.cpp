@@ -165,9 +165,13 @@ TEST(EciChannel, AsynchronousCallKeepsTheChannelLockedUntilCollected)
     ASSERT_EQ(std::future_status::ready, committed.wait_for(seconds(5)));
     EXPECT_EQ(0, committed.get());
 
+    TraceCapture trace(2);
     Channel* doomed = channel;
     auto deleter = std::async(std::launch::async, [&doomed] { return ECI_deleteChannel(&doomed); });
-    EXPECT_EQ(std::future_status::timeout, deleter.wait_for(std::chrono::milliseconds(200)));
+    const std::string waiting =
+        "clapi_channel.lockChannel() Waiting for channel \"ASYNCCHAN\" (" + pointerText(channel) + ")";
+    EXPECT_TRUE(eventually([&] { return trace.has(1463, waiting); }));   // the deleter is blocked on the lock
+    EXPECT_EQ(std::future_status::timeout, deleter.wait_for(std::chrono::milliseconds(0)));
     EXPECT_EQ(1, channel->isLocked);
 
     EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, nullptr, 0);
@@ -190,6 +194,25 @@ TEST(EciChannel, AsynchronousReplyIsInTheChannelWhenCollected)
     auto got = contents(channel);
     EXPECT_EQ("zyx", got["MODX"].second);
     EXPECT_EQ("containers=1", got["RESULT"].second);
+    EXPECT_EQ(0, ECI_deleteChannel(&channel));
+}
+
+TEST(EciChannel, AsynchronousCallFailedByAnErrorFlowUnlocksTheChannelWhenCollected)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    Channel* channel = nullptr;
+    ASSERT_EQ(0, ECI_createChannel("ERRFLOW", &channel));
+    addText(channel, "MODX", "kept");
+    EciParms parms = channelBlock(ECI_ASYNC, "FERROR", channel);
+    ASSERT_EQ(0, ZEP_ECI_Execute_Channel(conn.token(), &parms));
+    EXPECT_EQ(1, channel->isLocked);
+
+    EciParms collect = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, parms.eci_message_qualifier, nullptr, 0);
+    EXPECT_EQ(ZEP_ERR_WORK_WAS_REFUSED, ZEP_ECI_Execute_Channel(conn.token(), &collect));
+    EXPECT_EQ(channel, copyOf(collect.eci_channel));
+    EXPECT_EQ(0, channel->isLocked);
+    EXPECT_EQ("kept", contents(channel)["MODX"].second);
     EXPECT_EQ(0, ECI_deleteChannel(&channel));
 }
 

@@ -1,7 +1,9 @@
 // Synchronous ECI calls with a COMMAREA against zepgw: data both ways, codes, lengths, credentials, LUWs.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <future>
 #include <string>
 
 #include "clapi_internal.h"
@@ -105,7 +107,7 @@ TEST(EciSync, OversizeReplyLeavesTheByteAfterTheAreaUntouched)
     memcpy(buffer, "oversize", 8);
     memset(buffer + 8, '.', 56);
     EciParms parms = eciBlock(ECI_SYNC, "OVERSIZE", buffer, 64);
-    ZEP_ECI_Execute(conn.token(), &parms);
+    EXPECT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
     EXPECT_EQ(0, memcmp(buffer, "oversize", 8));
     for (size_t i = 64; i < sizeof buffer; ++i) ASSERT_EQ(static_cast<char>(0xEE), buffer[i]) << "byte " << i;
 
@@ -249,6 +251,45 @@ TEST(EciSync, ExtendedUnitOfWorkAcrossThreeCalls)
     after.eci_extend_mode = 1;
     after.eci_luw_token = token;
     EXPECT_EQ(ECI_ERR_LUW_TOKEN, ZEP_ECI_Execute(conn.token(), &after));
+}
+
+TEST(EciSync, EsiReplyToAnEciRequestNeverWritesTheDetailsOfAnEarlierEsiCaller)
+{
+    ScriptedGateway gateway;
+    GatewayToken* tok = gateway.open();
+    ASSERT_NE(nullptr, tok);
+
+    // An ESI call on slot 1, answered with details, leaves its caller's block behind.
+    EsiDetails details;
+    memset(&details, 0x11, sizeof details);
+    auto verify = std::async(std::launch::async, [&] {
+        return ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details);
+    });
+    int32_t id = gateway.nextRequest();
+    ASSERT_EQ(1, id);
+    std::string words;
+    for (int i = 0; i < 22; i++) words += ScriptedGateway::be32(2000 + i);
+    gateway.send(ScriptedGateway::header(FLOW_REPLY, id, "ESI", 92, 0) + ScriptedGateway::be32(0) + words);
+    ASSERT_EQ(std::future_status::ready, verify.wait_for(std::chrono::seconds(10)));
+    ASSERT_EQ(0, verify.get());
+    ASSERT_EQ(2000, details.esiTime1.year);
+    memset(&details, 0xAB, sizeof details);
+
+    // An ECI call takes slot 1 next, and a faulty Gateway answers it as if it were an ESI request.
+    char area[8] = "eci";
+    auto call = std::async(std::launch::async, [&] {
+        EciParms parms = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
+        return ZEP_ECI_Execute(tok, &parms);
+    });
+    id = gateway.nextRequest();
+    ASSERT_EQ(1, id);
+    gateway.send(ScriptedGateway::header(FLOW_REPLY, id, "ESI", 92, 0) + ScriptedGateway::be32(0) + words);
+    ASSERT_EQ(std::future_status::ready, call.wait_for(std::chrono::seconds(10)));
+    call.get();
+    for (size_t i = 0; i < sizeof details; i++)
+        ASSERT_EQ(0xAB, reinterpret_cast<const uint8_t*>(&details)[i]) << "byte " << i;
+    gateway.hangUp();
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
 }
 
 TEST(EciSync, FrameChecksAndRegistration)

@@ -81,12 +81,18 @@ TEST(EciThreads, AsynchronousCallsFromManyThreadsAreCollectedByOne)
             ++finished;
         });
     }
-    // Collect while the senders are still sending, until every sent request is answered.
+    // Collect while the senders are still sending, until every sent request is answered. Nothing is asserted
+    // before the senders are joined: what goes wrong is noted and reported after.
     int collected = 0;
     std::vector<bool> seen(kSenders * kEach, false);
+    std::vector<std::string> wrong;
+    bool timedOut = false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (finished.load() < kSenders || collected < kSenders * kEach - failures.load()) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        if (std::chrono::steady_clock::now() > deadline) {
+            timedOut = true;
+            break;
+        }
         char reply[16];
         EciParms parms = replyBlock(ECI_GET_REPLY, 0, reply, sizeof reply);
         const int rc = ZEP_ECI_Execute(conn.token(), &parms);
@@ -94,15 +100,19 @@ TEST(EciThreads, AsynchronousCallsFromManyThreadsAreCollectedByOne)
             std::this_thread::yield();
             continue;
         }
-        ASSERT_EQ(0, rc);
-        int s = -1, i = -1;
-        ASSERT_EQ(2, sscanf(reply, "s%d-%d", &s, &i)) << reply;
-        ASSERT_FALSE(seen[s * kEach + i]) << reply;
-        seen[s * kEach + i] = true;
         ++collected;
+        int s = -1, i = -1;
+        if (rc != 0 || sscanf(reply, "s%d-%d", &s, &i) != 2 || s < 0 || s >= kSenders || i < 0 || i >= kEach ||
+            seen[s * kEach + i]) {
+            wrong.push_back("rc=" + std::to_string(rc) + " reply=" + std::string(reply, strnlen(reply, sizeof reply)));
+            continue;
+        }
+        seen[s * kEach + i] = true;
     }
     for (std::thread& t : senders) t.join();
+    EXPECT_FALSE(timedOut) << collected << " replies collected";
     EXPECT_EQ(0, failures.load());
+    EXPECT_TRUE(wrong.empty()) << wrong.size() << " wrong replies, the first: " << wrong.front();
     EXPECT_EQ(kSenders * kEach, collected);
 }
 

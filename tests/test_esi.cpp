@@ -25,14 +25,6 @@ size_t esiRequestsSeen(ZepgwProcess& gw)
     return count;
 }
 
-// The state letter of /proc/<pid>/stat: 'T' once a stop signal has taken effect.
-char processState(pid_t pid)
-{
-    const std::string stat = TraceCapture::readFile("/proc/" + std::to_string(pid) + "/stat");
-    const size_t paren = stat.rfind(')');
-    return paren != std::string::npos && paren + 2 < stat.size() ? stat[paren + 2] : '?';
-}
-
 TEST(EsiCalls, GatewayCodesMapToEsiCodes)
 {
     const struct {
@@ -201,8 +193,7 @@ TEST(EsiCalls, LostConnectionDuringTheWaitGivesLostConnection)
     ASSERT_TRUE(conn.ok());
     TraceCapture trace(3);
     GatewayToken* tok = conn.token();
-    ASSERT_TRUE(conn.zepgw().signal(SIGSTOP));   // zepgw keeps the request unanswered
-    ASSERT_TRUE(eventually([&] { return processState(conn.zepgw().pid()) == 'T'; }));
+    ASSERT_TRUE(conn.zepgw().pause());   // zepgw keeps the request unanswered
     auto verify = std::async(std::launch::async, [tok] {
         return ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, nullptr);
     });
@@ -214,6 +205,32 @@ TEST(EsiCalls, LostConnectionDuringTheWaitGivesLostConnection)
 
     // A later request finds the connection gone.
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, nullptr));
+}
+
+TEST(EsiCalls, ErrorFlowGivesTheSlotsOwnCodeUnmappedAndNoDetails)
+{
+    ScriptedGateway gateway;
+    GatewayToken* tok = gateway.open();
+    ASSERT_NE(nullptr, tok);
+    // -27 would be mapped if it came as the reply's ESI code; as the code of an error flow it is the result.
+    const int codes[] = {ZEP_ERR_WORK_WAS_REFUSED, -27};
+    for (int code : codes) {
+        SCOPED_TRACE(code);
+        EsiDetails details;
+        memset(&details, 0xAB, sizeof details);
+        auto verify = std::async(std::launch::async, [&] {
+            return ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details);
+        });
+        const int32_t id = gateway.nextRequest();
+        ASSERT_NE(0, id);
+        gateway.send(ScriptedGateway::header(FLOW_ERROR, id, "ESI", 0, code));
+        ASSERT_EQ(std::future_status::ready, verify.wait_for(seconds(10)));
+        EXPECT_EQ(code, verify.get());
+        for (size_t i = 0; i < sizeof details; i++)
+            ASSERT_EQ(0xAB, reinterpret_cast<const uint8_t*>(&details)[i]) << "byte " << i;
+    }
+    gateway.hangUp();
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
 }
 
 }  // namespace

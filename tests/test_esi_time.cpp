@@ -3,6 +3,8 @@
 
 #include <cstring>
 #include <ctime>
+#include <string>
+#include <vector>
 
 #include "clapi_esi.h"
 #include "trace_capture.h"
@@ -98,6 +100,25 @@ TEST(EsiTime, NullPointersChangeNothing)
     EXPECT_EQ(&out, ZEP_ESI_convertTime(nullptr, &out));
     EXPECT_EQ(0, memcmp(&before, &out, sizeof out));
     EXPECT_EQ(nullptr, ZEP_ESI_convertTime(&in, nullptr));
+}
+
+TEST(EsiTime, MonthOutsideTheYearLeavesTheResultAloneAndIsTraced)
+{
+    const int months[] = {-1, 12, 1000000, -2147483647 - 1};
+    for (int month : months) {
+        SCOPED_TRACE(month);
+        TraceCapture trace(1);
+        EsiTime in = {2024, month, 1, 0, 0, 0, 0};
+        struct tm out;
+        memset(&out, 0x5A, sizeof out);
+        struct tm before = out;
+        EXPECT_EQ(&out, ZEP_ESI_convertTime(&in, &out));
+        EXPECT_EQ(0, memcmp(&before, &out, sizeof out));
+        std::vector<TraceRecord> records = trace.find(1828);
+        ASSERT_EQ(1u, records.size());
+        EXPECT_EQ("*EXC*", records[0].type);
+        EXPECT_EQ("API.ZEP_ESI_convertTime() Invalid month, month=" + std::to_string(month), records[0].message);
+    }
 }
 
 TEST(EsiTime, LeapYears)
