@@ -368,8 +368,7 @@ static void freeAsyncCommarea(RequestSlot* slot)
     void* buffer = slot->request.eci_commarea;
     if (buffer == NULL) return;
     TRACE_DEBUG(1544, "clapi_eci.getAsyncReply() Freeing async commarea=%p\n", buffer);
-    wipe(buffer, slot->replyAreaLength, 0);
-    free(buffer);
+    clapiZeroFree(buffer, slot->replyAreaLength);
     slot->request.eci_commarea = NULL;
     slot->replyAreaLength = 0;
 }

@@ -707,6 +707,7 @@ static int reserveSystemsSlot(GatewayToken* gwTok, unsigned short capacity, Syst
     if (rc == 0) {
         slot->request.eci_commarea = list;
         slot->replyAreaLength = (uint32_t)capacity * sizeof(SystemInfo);
+        slot->esiDetailsPtr = NULL;   /* an earlier ESI use of the slot must not receive details now */
         slot->flowRc = 0;
         slot->replyRc = 0;
         if (clapiSetEvent(&slot->event) != 0) {

@@ -199,6 +199,12 @@ struct LimitCase {
     const char* setRecord;  // the message of 1068 or 1070, or nullptr when the value is ignored
 };
 
+// Names each case by its setting, so a failing case reads as what it tried.
+void PrintTo(const LimitCase& c, std::ostream* os)
+{
+    *os << c.variable << "='" << c.value << "'";
+}
+
 class EnvironmentLimit : public ::testing::TestWithParam<LimitCase> {};
 
 TEST_P(EnvironmentLimit, AppliesTheNumberAtTheStart) {
