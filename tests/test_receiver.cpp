@@ -9,6 +9,7 @@
 #include <csignal>
 
 #include "conn_test_support.h"
+#include "scripted_gateway.h"
 #include "trace_capture.h"
 
 using namespace conntest;
@@ -204,110 +205,6 @@ TEST_F(Receiver, AsynchronousReplyIsQueuedForCollection)
 }  // namespace
 
 namespace {
-
-// A Gateway played by the test on a loopback listener, for replies that zepgw never sends.
-class ScriptedGateway {
-public:
-    ScriptedGateway()
-    {
-        signal(SIGPIPE, SIG_IGN);
-        listener_ = socket(AF_INET, SOCK_STREAM, 0);
-        struct sockaddr_in address;
-        memset(&address, 0, sizeof address);
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listener_, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
-        listen(listener_, 1);
-        socklen_t length = sizeof address;
-        getsockname(listener_, reinterpret_cast<struct sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
-    }
-    ~ScriptedGateway()
-    {
-        if (peer_ >= 0) close(peer_);
-        close(listener_);
-    }
-
-    // Opens a token on this Gateway, accepting the connection and answering the handshake.
-    GatewayToken* open()
-    {
-        GatewayToken* tok = nullptr;
-        auto opening = std::async(std::launch::async, [&] {
-            return ZEP_openRemoteGatewayConnection("127.0.0.1", port_, &tok, 10);
-        });
-        struct pollfd ready = {listener_, POLLIN, 0};
-        if (poll(&ready, 1, 10000) != 1) return nullptr;
-        peer_ = accept(listener_, nullptr, nullptr);
-        int32_t flowType = 0;
-        if (nextRequest(&flowType) != MSGID_HANDSHAKE || flowType != FLOW_HANDSHAKE) return nullptr;
-        send(header(FLOW_HANDSHAKE, MSGID_HANDSHAKE, "BASE", 0, 0));
-        if (opening.wait_for(std::chrono::seconds(10)) != std::future_status::ready || opening.get() != 0) return nullptr;
-        return tok;
-    }
-
-    // Reads the next whole message from the library; its message id, or 0 when none came within 10 s.
-    int32_t nextRequest(int32_t* flowType = nullptr)
-    {
-        uint8_t fixed[24];
-        if (!take(fixed, sizeof fixed)) return 0;
-        int32_t typeLength = at(fixed, 20);
-        std::string rest(static_cast<size_t>(typeLength) + 5, '\0');
-        if (!take(&rest[0], rest.size())) return 0;
-        std::string payload(static_cast<size_t>(at(reinterpret_cast<const uint8_t*>(&rest[typeLength + 1]), 0)), '\0');
-        if (!payload.empty() && !take(&payload[0], payload.size())) return 0;
-        if (flowType != nullptr) *flowType = at(fixed, 8);
-        return at(fixed, 12);
-    }
-
-    static std::string be32(int32_t v)
-    {
-        std::string out;
-        for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(static_cast<uint32_t>(v) >> shift);
-        return out;
-    }
-
-    // A message header as the Gateway writes it, announcing `payload` bytes.
-    static std::string header(int32_t flowType, int32_t messageId, const std::string& type, int32_t payload,
-                              int32_t rc)
-    {
-        return be32(FLOW_EYECATCHER) + be32(FLOW_VERSION) + be32(flowType) + be32(messageId) + be32(rc) +
-               be32(static_cast<int32_t>(type.size())) + type + std::string(1, '\0') + be32(payload);
-    }
-
-    // The Gateway goes away without a close flow.
-    void hangUp()
-    {
-        if (peer_ >= 0) close(peer_);
-        peer_ = -1;
-    }
-
-    void send(const std::string& bytes) { ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::send(peer_, bytes.data(), bytes.size(), 0)); }
-
-private:
-    static int32_t at(const uint8_t* bytes, size_t offset)
-    {
-        return static_cast<int32_t>(static_cast<uint32_t>(bytes[offset]) << 24 | bytes[offset + 1] << 16 |
-                                    bytes[offset + 2] << 8 | bytes[offset + 3]);
-    }
-
-    bool take(void* into, size_t length)
-    {
-        uint8_t* cursor = static_cast<uint8_t*>(into);
-        while (length > 0) {
-            struct pollfd ready = {peer_, POLLIN, 0};
-            if (poll(&ready, 1, 10000) != 1) return false;
-            ssize_t got = recv(peer_, cursor, length, 0);
-            if (got <= 0) return false;
-            cursor += got;
-            length -= static_cast<size_t>(got);
-        }
-        return true;
-    }
-
-    int listener_ = -1;
-    int peer_ = -1;
-    int port_ = 0;
-};
 
 // A synchronous call on a thread of its own, for a Gateway that the test thread plays.
 std::future<int> callInBackground(GatewayToken* tok, char* area, short length)
