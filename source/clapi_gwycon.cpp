@@ -486,6 +486,9 @@ static void endConnection(Receiver* r, int loopRc)
 {
     GatewayToken* tok = r->tok;
     freeBuffer(&r->sb);
+    /* Shut the socket before the waiting requests learn of the end: a sender still queued for the send lock
+       must then fail its write, whoever collects its failed request first. */
+    if (tok->socket != -1) shutdown(tok->socket, SHUT_RDWR);
     clapiRequestLock(&tok->tableLock);
     int32_t status = loadConnStatus(tok);
     if (status != CONN_CLOSED) {
