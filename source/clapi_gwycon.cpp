@@ -486,9 +486,6 @@ static void endConnection(Receiver* r, int loopRc)
 {
     GatewayToken* tok = r->tok;
     freeBuffer(&r->sb);
-    /* Shut the socket before the waiting requests learn of the end: a sender still queued for the send lock
-       must then fail its write, whoever collects its failed request first. */
-    if (tok->socket != -1) shutdown(tok->socket, SHUT_RDWR);
     clapiRequestLock(&tok->tableLock);
     int32_t status = loadConnStatus(tok);
     if (status != CONN_CLOSED) {
@@ -500,6 +497,9 @@ static void endConnection(Receiver* r, int loopRc)
         __atomic_store_n(&tok->connRc, r->failRc, __ATOMIC_RELAXED);
         clapiClearEvent(&tok->connEvent);
     }
+    /* Shut the socket once the status tells of the end and before the waiting requests learn of it: a sender
+       still queued for the send lock must then fail its write, whoever collects its failed request first. */
+    if (tok->socket != -1) shutdown(tok->socket, SHUT_RDWR);
     if (loadConnStatus(tok) != CONN_FAILED) {
         failWaitingRequests(r);
         /* Reply collectors waiting with nothing outstanding must wake and see the connection gone. */

@@ -489,7 +489,11 @@ int quiesceConnection(GatewayToken* gwToken, int closeTimeout)
     TRACE_ENTRY(2065, "clapi_gwytok.quiesceConnection(gwToken=%p, closeTimeout=%d)\n", (void*)gwToken, closeTimeout);
     int rc = releaseReplyWaiters(gwToken);
     if (rc == 0) rc = waitForOutstandingWork(gwToken, closeTimeout);
-    if (rc == 0 && loadConnStatus(gwToken) == CONN_OPEN) rc = clapiCloseConnection(gwToken);
+    if (rc == 0 && loadConnStatus(gwToken) == CONN_OPEN) {
+        rc = clapiCloseConnection(gwToken);
+        /* The connection ended on its own while the close flow went out: there is nothing left to close. */
+        if (rc != 0 && loadConnStatus(gwToken) != CONN_OPEN) rc = 0;
+    }
     /* The receiver thread fails every waiting request as it ends; nothing may be freed before that. */
     if (clapiWaitEvent(&gwToken->recvThreadEndedEvent) != 0)
         TRACE_EXC(2082, "clapi_gwytok.quiesceConnection() Failed to wait on recvThreadEndedEvent\n");
