@@ -186,9 +186,8 @@ const char* commandName(Command command)
     return "";
 }
 
-Invocation parseArguments(int argc, char** argv, const char* gatewayVariable)
+void parseArguments(int argc, char** argv, const char* gatewayVariable, Invocation& inv)
 {
-    Invocation inv;
     std::vector<std::string> positionals;
     std::vector<GivenOption> given;
     bool optionsEnded = false;
@@ -230,7 +229,7 @@ Invocation parseArguments(int argc, char** argv, const char* gatewayVariable)
         hostGiven = hostGiven || option.name == "--host";
     }
     if (inv.help || inv.version)
-        return inv;
+        return;
     if (inv.command == Command::None)
         throw UsageError("no command given");
     takePositionals(inv, positionals);
@@ -244,7 +243,6 @@ Invocation parseArguments(int argc, char** argv, const char* gatewayVariable)
         throw UsageError("--json is offered for call, systems and bench");
     if (inv.bench.program.empty() || inv.bench.program.size() > 8)
         throw UsageError("a program name has 1 to 8 characters, not '" + inv.bench.program + "'");
-    return inv;
 }
 
 }  // namespace zepcall

@@ -61,8 +61,9 @@ struct Invocation {
     std::string user;    // verify and change (their system is call.system)
 };
 
-// Reads argv; `gatewayVariable` is the value of ZEP_GATEWAY (or null). Throws UsageError.
-Invocation parseArguments(int argc, char** argv, const char* gatewayVariable);
+// Reads argv into `inv`; `gatewayVariable` is the value of ZEP_GATEWAY (or null). Throws UsageError, with
+// inv.command set as soon as the command is known, so that the message can point to its help.
+void parseArguments(int argc, char** argv, const char* gatewayVariable, Invocation& inv);
 
 const char* commandName(Command command);
 const char* helpText(Command command);  // Command::None: the overview

@@ -64,18 +64,27 @@ void putContainers(const CallOptions& call, ChannelData& channel)
     }
 }
 
-std::string jsonData(std::string_view bytes, bool hex)
+// How data is shown: a COMMAREA as text without its trailing NULs, a container as all of its bytes,
+// either as hex when it is not printable text; with --hex always as hex.
+enum class Shown { Commarea, Container, Hex };
+
+bool asText(std::string_view bytes, Shown shown, std::string& text)
+{
+    return shown != Shown::Hex && printableText(bytes, text, shown == Shown::Commarea);
+}
+
+std::string jsonData(std::string_view bytes, Shown shown)
 {
     std::string text;
-    if (!hex && printableText(bytes, text))
+    if (asText(bytes, shown, text))
         return "\"data\":" + jsonString(text);
     return "\"data_hex\":\"" + hexString(bytes) + "\"";
 }
 
-std::string shownData(std::string_view bytes, bool hex, std::string_view dumpIndent)
+std::string shownData(std::string_view bytes, Shown shown, std::string_view dumpIndent)
 {
     std::string text;
-    if (!hex && printableText(bytes, text))
+    if (asText(bytes, shown, text))
         return text.empty() || text.back() == '\n' ? text : text + "\n";
     return hexDump(bytes, dumpIndent);
 }
@@ -87,7 +96,7 @@ std::string containersText(const std::vector<ContainerContent>& containers)
     for (const ContainerContent& c : containers) {
         std::snprintf(line, sizeof line, "%-16s  %-4s  %5d  %6zu  ", c.name.c_str(), c.character ? "CHAR" : "BIT",
                       c.ccsid, c.data.size());
-        std::string data = shownData(c.data, false, "    ");
+        std::string data = shownData(c.data, Shown::Container, "    ");
         std::string row = line;
         if (data.empty() || data.rfind("    0x", 0) == 0)  // nothing, or a dump on the lines below
             row.erase(row.find_last_not_of(' ') + 1).append("\n");
@@ -102,7 +111,7 @@ std::string containersJson(const std::vector<ContainerContent>& containers)
     for (const ContainerContent& c : containers) {
         out += (out.size() > 1 ? "," : "") + std::string("{\"name\":") + jsonString(c.name) + ",\"type\":\"" +
                (c.character ? "CHAR" : "BIT") + "\",\"ccsid\":" + std::to_string(c.ccsid) +
-               ",\"length\":" + std::to_string(c.data.size()) + "," + jsonData(c.data, false) + "}";
+               ",\"length\":" + std::to_string(c.data.size()) + "," + jsonData(c.data, Shown::Container) + "}";
     }
     return out + "]";
 }
@@ -166,6 +175,7 @@ int runCall(const Invocation& inv)
                                      : connection.call(guard.target, commarea, data.size());
     double milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
 
+    const Shown commareaShown = options.hex ? Shown::Hex : Shown::Commarea;
     std::string_view reply(reinterpret_cast<const char*>(commarea.data()), commarea.size());
     if (inv.json) {
         std::cout << "{\"program\":" << jsonString(options.program) << ",\"rc\":" << outcome.rc
@@ -176,9 +186,9 @@ int runCall(const Invocation& inv)
             std::cout << ",\"channel\":" << jsonString(options.channel)
                       << ",\"containers\":" << containersJson(channel->contents()) << "}\n";
         else
-            std::cout << ",\"length\":" << reply.size() << "," << jsonData(reply, options.hex) << "}\n";
+            std::cout << ",\"length\":" << reply.size() << "," << jsonData(reply, commareaShown) << "}\n";
     } else if (outcome.rc == 0) {
-        std::cout << (channelCall ? containersText(channel->contents()) : shownData(reply, options.hex, ""));
+        std::cout << (channelCall ? containersText(channel->contents()) : shownData(reply, commareaShown, ""));
     }
     std::cout.flush();
     if (inv.verbose)

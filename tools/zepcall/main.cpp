@@ -50,7 +50,7 @@ int main(int argc, char** argv)
 {
     Invocation inv;
     try {
-        inv = parseArguments(argc, argv, std::getenv("ZEP_GATEWAY"));
+        parseArguments(argc, argv, std::getenv("ZEP_GATEWAY"), inv);
         return run(inv);
     } catch (const UsageError& e) {
         usageFailure(e.what(), inv.command);

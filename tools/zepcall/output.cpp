@@ -7,9 +7,9 @@
 
 namespace zepcall {
 
-bool printableText(std::string_view bytes, std::string& text)
+bool printableText(std::string_view bytes, std::string& text, bool trimNuls)
 {
-    size_t end = bytes.find_last_not_of('\0');
+    size_t end = trimNuls ? bytes.find_last_not_of('\0') : bytes.size() - 1;
     std::string_view kept = end == std::string_view::npos ? std::string_view() : bytes.substr(0, end + 1);
     for (unsigned char c : kept)
         if (!std::isprint(c) && c != '\t' && c != '\n' && c != '\r')

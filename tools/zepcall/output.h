@@ -6,8 +6,9 @@
 
 namespace zepcall {
 
-// The bytes without trailing NULs, when what remains is printable text (tabs and line ends allowed).
-bool printableText(std::string_view bytes, std::string& text);
+// The bytes as text when they are printable (tabs and line ends allowed); with `trimNuls` trailing
+// NULs are dropped first, as a COMMAREA is longer than the text it holds.
+bool printableText(std::string_view bytes, std::string& text, bool trimNuls);
 
 // Lines of "0x%8.8X: " offset, 16 bytes in hex in groups of 4, " : " and the printable characters,
 // as the library's trace dumps storage; each line starts with `indent`.
