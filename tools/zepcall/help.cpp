@@ -110,6 +110,7 @@ const char kBench[] =
     "                synchronous calls)\n"
     "  --size N      bytes of COMMAREA per call (default 100)\n"
     "  --program P   the program to call (default ECHO)\n"
+    "  --timeout S   the time-out the Gateway applies to each call\n"
     "Exit status 4 when any call failed, 3 when a connection failed.\n";
 
 }  // namespace
