@@ -116,18 +116,28 @@ std::string containersJson(const std::vector<ContainerContent>& containers)
     return out + "]";
 }
 
-void reportVerbose(const EciOutcome& outcome, double milliseconds)
-{
-    std::fprintf(stderr, "abend code: %s\nLUW token:  %ld\ntime:       %.3f ms\n",
-                 outcome.abendCode.empty() ? "(none)" : outcome.abendCode.c_str(),
-                 static_cast<long>(outcome.luwToken), milliseconds);
-}
-
 std::string threeDecimals(double value)
 {
     char text[32];
     std::snprintf(text, sizeof text, "%.3f", value);
     return text;
+}
+
+// One JSON object: the outcome, then `data` (the COMMAREA's or the channel's members).
+std::string callJson(const CallOptions& options, const EciOutcome& outcome, double milliseconds,
+                     const std::string& data)
+{
+    return "{\"program\":" + jsonString(options.program) + ",\"rc\":" + std::to_string(outcome.rc) +
+           ",\"rc_name\":" + jsonString(rcName(outcome.rc)) + ",\"abend_code\":" + jsonString(outcome.abendCode) +
+           ",\"luw_token\":" + std::to_string(outcome.luwToken) + ",\"time_ms\":" + threeDecimals(milliseconds) +
+           data + "}\n";
+}
+
+void reportVerbose(const EciOutcome& outcome, double milliseconds)
+{
+    std::fprintf(stderr, "abend code: %s\nLUW token:  %ld\ntime:       %.3f ms\n",
+                 outcome.abendCode.empty() ? "(none)" : outcome.abendCode.c_str(),
+                 static_cast<long>(outcome.luwToken), milliseconds);
 }
 
 std::string calendarText(const CalendarTime& t)
@@ -177,19 +187,14 @@ int runCall(const Invocation& inv)
 
     const Shown commareaShown = options.hex ? Shown::Hex : Shown::Commarea;
     std::string_view reply(reinterpret_cast<const char*>(commarea.data()), commarea.size());
-    if (inv.json) {
-        std::cout << "{\"program\":" << jsonString(options.program) << ",\"rc\":" << outcome.rc
-                  << ",\"rc_name\":" << jsonString(rcName(outcome.rc)) << ",\"abend_code\":"
-                  << jsonString(outcome.abendCode) << ",\"luw_token\":" << outcome.luwToken
-                  << ",\"time_ms\":" << threeDecimals(milliseconds);
-        if (channelCall)
-            std::cout << ",\"channel\":" << jsonString(options.channel)
-                      << ",\"containers\":" << containersJson(channel->contents()) << "}\n";
-        else
-            std::cout << ",\"length\":" << reply.size() << "," << jsonData(reply, commareaShown) << "}\n";
-    } else if (outcome.rc == 0) {
+    if (inv.json)
+        std::cout << callJson(options, outcome, milliseconds,
+                              channelCall ? ",\"channel\":" + jsonString(options.channel) +
+                                                ",\"containers\":" + containersJson(channel->contents())
+                                          : ",\"length\":" + std::to_string(reply.size()) + "," +
+                                                jsonData(reply, commareaShown));
+    else if (outcome.rc == 0)
         std::cout << (channelCall ? containersText(channel->contents()) : shownData(reply, commareaShown, ""));
-    }
     std::cout.flush();
     if (inv.verbose)
         reportVerbose(outcome, milliseconds);
