@@ -13,6 +13,9 @@ int main(int argc, char** argv)
     case zepgw::ParseResult::Help:
         std::fputs(zepgw::helpText(), stdout);
         return 0;
+    case zepgw::ParseResult::Version:
+        std::fputs(zepgw::versionText(), stdout);
+        return 0;
     case zepgw::ParseResult::Error:
         std::fprintf(stderr, "zepgw: %s (see zepgw --help)\n", error.c_str());
         return 2;

@@ -34,7 +34,8 @@ const char kHelp[] =
     "  --exit-on-stdin-eof exit (status 0) when standard input reaches its end, so\n"
     "                      that zepgw ends with the process that feeds it.\n"
     "  -v                  log one line per request on standard error.\n"
-    "  --help              show this text.\n"
+    "  -h, --help          show this text.\n"
+    "  --version           show zepgw's version.\n"
     "Options take their value as the next argument or after '='.\n"
     "SIGTERM and SIGINT close the listener and every connection; zepgw then\n"
     "exits with status 0.\n"
@@ -169,6 +170,8 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
         std::string arg = argv[i];
         if (arg == "--help" || arg == "-h")
             return ParseResult::Help;
+        if (arg == "--version")
+            return ParseResult::Version;
         if (arg == "-v") {
             options.verbose = true;
             continue;
@@ -199,5 +202,7 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
 }
 
 const char* helpText() { return kHelp; }
+
+const char* versionText() { return "zepgw 1.0.0\n"; }
 
 }  // namespace zepgw

@@ -16,10 +16,11 @@ struct Options {
     bool exitOnStdinEof = false;
 };
 
-enum class ParseResult { Run, Help, Error };
+enum class ParseResult { Run, Help, Version, Error };
 
 ParseResult parseOptions(int argc, char** argv, Options& options, std::string& error);
 
 const char* helpText();
+const char* versionText();
 
 }  // namespace zepgw
