@@ -2,8 +2,6 @@
 // channels, options on the wire, systems and passwords, the header's own refusals, and the C++ demo.
 #include <gtest/gtest.h>
 
-#include <array>
-#include <chrono>
 #include <functional>
 #include <string>
 #include <tuple>
@@ -15,7 +13,6 @@
 #include "zepgw_process.h"
 
 using namespace std::chrono_literals;
-using namespace std::string_literals;
 
 namespace {
 
@@ -28,11 +25,7 @@ protected:
 // The zep::Error that `action` throws; one with code 0 when it throws none.
 zep::Error caught(const std::function<void()>& action)
 {
-    try {
-        action();
-    } catch (const zep::Error& e) {
-        return e;
-    }
+    try { action(); } catch (const zep::Error& e) { return e; }
     return zep::Error(0, "nothing thrown");
 }
 
@@ -51,17 +44,11 @@ TEST_F(Cpp, ErrorsCarryTheReturnCodeItsNameAndTheAbendCode)
     zep::Channel ch{"ERRORS"};
     zep::CallOptions unknownSystem;
     unknownSystem.system = "NOSYS";
-    const int port = gw.port();
-    const struct {
-        std::function<void()> action;
-        int rc;
-        const char* name;
-        const char* abend;
-    } cases[] = {
+    const struct { std::function<void()> action; int rc; const char* name; const char* abend; } cases[] = {
         {[&] { zep::Connection{"127.0.0.1", closedPort}; }, ZEP_ERR_CONNECTFAILED, "ZEP_ERR_CONNECTFAILED", ""},
         {[&] { zep::Connection{"127.0.0.1", 0}; }, ZEP_ERR_BADPORT, "ZEP_ERR_BADPORT", ""},
-        {[&] { zep::Connection("127.0.0.1", port, 3601s); }, ZEP_ERR_INVALIDTIMEOUTPARM, "ZEP_ERR_INVALIDTIMEOUTPARM", ""},
-        {[&] { zep::Connection("127.0.0.1", port, 5s, "NINECHARS"); }, ZEP_ERR_APPLIDTOOLONG, "ZEP_ERR_APPLIDTOOLONG", ""},
+        {[&] { zep::Connection("127.0.0.1", gw.port(), 3601s); }, ZEP_ERR_INVALIDTIMEOUTPARM, "ZEP_ERR_INVALIDTIMEOUTPARM", ""},
+        {[&] { zep::Connection("127.0.0.1", gw.port(), 5s, "NINECHARS"); }, ZEP_ERR_APPLIDTOOLONG, "ZEP_ERR_APPLIDTOOLONG", ""},
         {[&] { conn.call("ABEND", "x"); }, ECI_ERR_TRANSACTION_ABEND, "ECI_ERR_TRANSACTION_ABEND", "ZA01"},
         {[&] { conn.call("CHANNEL", "no channel"); }, ECI_ERR_TRANSACTION_ABEND, "ECI_ERR_TRANSACTION_ABEND", "ZNCH"},
         {[&] { conn.callAsync("FAIL", "x").get(); }, ECI_ERR_ROLLEDBACK, "ECI_ERR_ROLLEDBACK", ""},
@@ -105,7 +92,7 @@ TEST_F(Cpp, OptionsReachTheGatewayAndUnitsOfWorkCarryTheirToken)
     EXPECT_NE(first.luwToken(), 0);
     unit.luwToken = first.luwToken();
     const zep::Reply second = conn.call("LUW", std::vector<char>(6, 'a'), unit);
-    EXPECT_EQ(second.data(), "\0\0\0\2aa"s);
+    EXPECT_EQ(second.data(), std::string("\0\0\0\2aa", 6));
     EXPECT_EQ(second.luwToken(), first.luwToken());
     unit.extendMode = zep::ExtendMode::commit;
     EXPECT_EQ(conn.call("LUW", "", unit).luwToken(), 0);
@@ -119,13 +106,11 @@ TEST_F(Cpp, AsyncRepliesAreCollectedInAnyOrder)
     zep::PendingReply reversed = conn.callAsync("REVERSE", bytes);
     zep::PendingReply upper = conn.callAsync("UPPER", chars);
     zep::PendingReply echoed = conn.callAsync("ECHO", "sent last");
-    EXPECT_NE(reversed.qualifier(), upper.qualifier());
-    EXPECT_NE(upper.qualifier(), echoed.qualifier());
+    EXPECT_TRUE(reversed.qualifier() != upper.qualifier() && upper.qualifier() != echoed.qualifier());
     EXPECT_EQ(echoed.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(echoed.get().data(), "sent last");
     EXPECT_EQ(upper.get().data(), "XYZ");
     EXPECT_EQ(reversed.get().data(), "cba");
-    EXPECT_FALSE(reversed.valid());
 }
 
 TEST_F(Cpp, DroppedRepliesNeitherLeakNorBlockTheEnd)
@@ -239,10 +224,8 @@ TEST(CppHeader, RefusesToCompileWithoutExceptions)
                                             " -std=c++17 -fno-exceptions -fsyntax-only -I" ZEP_SOURCE_DIR
                                             "/include -x c++ - 2>&1");
     EXPECT_NE(result.status, 0);
-    EXPECT_NE(result.output.find("#error \"zepclient.hpp reports every failure by throwing zep::Error and cannot be "
-                                 "used with exceptions disabled (-fno-exceptions)"),
-              std::string::npos)
-        << result.output;
+    EXPECT_NE(result.output.find("#error \"zepclient.hpp reports every failure by throwing zep::Error and cannot"),
+              std::string::npos) << result.output;
     EXPECT_EQ(result.output.find("exception handling disabled"), std::string::npos) << result.output;
 }
 
