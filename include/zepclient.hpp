@@ -25,9 +25,9 @@
 #ifndef ZEPCLIENT_HPP
 #define ZEPCLIENT_HPP
 
-#if !defined(__cpp_exceptions)
+#if defined(__cplusplus) && !defined(__cpp_exceptions)  // __cplusplus: documentation tools see the interface
 #error "zepclient.hpp reports every failure by throwing zep::Error and cannot be used with exceptions disabled (-fno-exceptions); use the C interface of zepclient.h instead"
-#elif __cplusplus < 201703L
+#elif defined(__cplusplus) && __cplusplus < 201703L
 #error "zepclient.hpp needs C++17 or later (-std=c++17)"
 #else
 
@@ -105,7 +105,8 @@ public:
         abendCode.copy(abend_, sizeof abend_ - 1);
     }
 
-    /// @brief The abend code of a program call that failed with one (ECI_ERR_TRANSACTION_ABEND), else empty.
+    /// @brief The abend code of a failed program call.
+    /// @return the code of a call that failed with one (ECI_ERR_TRANSACTION_ABEND), else empty
     std::string_view abendCode() const noexcept { return abend_; }
 
 private:
@@ -145,12 +146,15 @@ class Channel;
 /// @brief The result of a program call that worked.
 class Reply {
 public:
-    /// @brief The COMMAREA after the call: the reply written over the data sent; empty for a channel call.
+    /// @brief The data of the reply.
+    /// @return the COMMAREA after the call, the reply written over the data sent; empty for a channel call
     std::string_view data() const noexcept { return data_; }
-    /// @brief The abend code the reply carried, without padding; usually empty for a call that worked.
+    /// @brief The abend code the reply carried.
+    /// @return the code without padding; usually empty for a call that worked
     std::string_view abendCode() const noexcept { return abend_; }
-    /// @brief The LUW token of the reply: the token of the unit of work a call with ExtendMode::extended
-    ///        started or continued, 0 when none is open.
+    /// @brief The LUW token of the reply.
+    /// @return the token of the unit of work a call with ExtendMode::extended started or continued, 0 when
+    ///         none is open
     std::int32_t luwToken() const noexcept { return luwToken_; }
 
 private:
@@ -171,8 +175,10 @@ struct System {
 
 /// @brief A user's details, as a password verification or change returns them.
 struct UserDetails {
-    /// The Gateway's three times of the user, each taken as UTC; an unset time is the epoch (time_point{}).
-    std::chrono::system_clock::time_point time1, time2, time3;
+    /// The Gateway's first time of the user, taken as UTC; an unset time is the epoch (time_point{}).
+    std::chrono::system_clock::time_point time1;
+    std::chrono::system_clock::time_point time2;  ///< the second time, as time1
+    std::chrono::system_clock::time_point time3;  ///< the third time, as time1
     std::int32_t count = 0;  ///< the Gateway's count for the user (with zepgw: successful verifications)
 };
 
@@ -453,9 +459,12 @@ class PendingReply {
 public:
     /// @brief An empty PendingReply, holding no request (valid() is false).
     PendingReply() noexcept = default;
-    /// @brief Takes over @p other's request; @p other is left empty.
+    /// @brief Takes over a request.
+    /// @param other the PendingReply whose request is taken; it is left empty
     PendingReply(PendingReply&& other) noexcept { swap(other); }
-    /// @brief Drops this object's own request (as the destructor does) and takes over @p other's.
+    /// @brief Drops this object's own request (as the destructor does) and takes over another's.
+    /// @param other the PendingReply whose request is taken; it is left empty
+    /// @return this object
     PendingReply& operator=(PendingReply&& other) noexcept
     {
         if (this != &other) {
@@ -470,14 +479,17 @@ public:
     /// @brief Never blocks: an uncollected reply is handed to the connection, which throws it away.
     ~PendingReply() { abandon(); }
 
-    /// @brief True while this object holds a request whose result get() has not yet returned.
+    /// @brief Whether the object holds a request.
+    /// @return true while it holds a request whose result get() has not yet returned
     bool valid() const noexcept { return state_ != State::empty; }
 
-    /// @brief The request's message qualifier; 0 for an empty PendingReply.
+    /// @brief The request's message qualifier.
+    /// @return the qualifier the library gave the request; 0 for an empty PendingReply
     std::uint32_t qualifier() const noexcept { return qualifier_; }
 
     /**
      * @brief Waits for the reply, without a limit of its own, and returns it; after that valid() is false.
+     * @return the reply
      * @throws Error with the call's return code when it failed (ECI_ERR_TRANSACTION_ABEND with the abend
      *         code, ZEP_ERR_LOSTGWCON, ...), or ECI_ERR_INVALID_MSG_QUAL when the object holds no request.
      */
@@ -492,6 +504,7 @@ public:
 
     /**
      * @brief Waits at most @p timeout for the reply; when it has come it is collected, for get() to return.
+     * @param timeout the longest wait
      * @return std::future_status::ready when get() will not wait, std::future_status::timeout otherwise.
      * @throws Error ECI_ERR_INVALID_MSG_QUAL when the object holds no request.
      */
@@ -569,12 +582,16 @@ private:
 class Container {
 public:
     /// @brief The container's name.
+    /// @return the name, at most 16 characters
     std::string_view name() const noexcept { return name_; }
-    /// @brief True for a CHAR container (text in ccsid()), false for a BIT container (bytes).
+    /// @brief The container's type.
+    /// @return true for a CHAR container (text in ccsid()), false for a BIT container (bytes)
     bool isText() const noexcept { return type_ == ECI_CHAR; }
-    /// @brief The code page of a CHAR container's text; 0 for a BIT container.
+    /// @brief The container's code page.
+    /// @return the CCSID of a CHAR container's text; 0 for a BIT container
     std::int32_t ccsid() const noexcept { return ccsid_; }
     /// @brief The container's data.
+    /// @return the bytes of the container as they were when the iteration reached it
     std::string_view data() const noexcept { return data_; }
 
 private:
@@ -614,13 +631,17 @@ public:
         if (rc != 0) throw Error(rc, "creating channel \"" + text + "\"");
         handle_.reset(raw, [](::Channel* c) { ECI_deleteChannel(&c); });
     }
-    Channel(Channel&&) noexcept = default;             ///< takes over the channel; the source holds none
-    Channel& operator=(Channel&&) noexcept = default;  ///< deletes this channel, takes over the other's
+    Channel(Channel&&) noexcept = default;  ///< takes over the channel; the source holds none
+    /// @brief Deletes this channel (see the class notes) and takes over another's.
+    /// @return this object
+    Channel& operator=(Channel&&) noexcept = default;
     Channel(const Channel&) = delete;                  ///< not copyable
     Channel& operator=(const Channel&) = delete;       ///< not copyable
     ~Channel() = default;                              ///< deletes the channel (see the class notes)
 
     /// @brief The channel's name.
+    /// @return the name given at creation
+    /// @throws Error ECI_ERR_INVALID_CHANNEL for a moved-from Channel.
     std::string name() const
     {
         char text[17] = {};
@@ -629,8 +650,14 @@ public:
     }
 
     /// @brief Puts a BIT container of bytes into the channel, replacing any container of that name.
+    /// @param name  the container's name: 1 to 16 characters, as for a channel
+    /// @param bytes the container's data
+    /// @throws Error ECI_ERR_INVALID_NAME, ECI_ERR_INVALID_CHANNEL, ...
     void put(std::string_view name, std::string_view bytes) { create(name, ECI_BIT, 0, bytes); }
     /// @brief Puts a BIT container from any contiguous range of bytes (std::vector<std::byte>, std::array, ...).
+    /// @param name  the container's name
+    /// @param bytes the container's data
+    /// @throws Error as the other put()
     template <class Bytes, class = detail::EnableForBytes<Bytes>>
     void put(std::string_view name, const Bytes& bytes)
     {
@@ -638,15 +665,21 @@ public:
     }
     /**
      * @brief Puts a CHAR container of text into the channel, replacing any container of that name.
+     * @param name  the container's name
+     * @param text  the container's data
      * @param ccsid the text's code page; 0: the channel's, which the first CHAR container fixes (from
      *              the locale's LANG when that container names none)
+     * @throws Error as put()
      */
     void putText(std::string_view name, std::string_view text, std::int32_t ccsid = 0)
     {
         create(name, ECI_CHAR, ccsid, text);
     }
 
-    /// @brief The data of container @p name. @throws Error ECI_ERR_CONTAINER_NOTFOUND when there is none.
+    /// @brief Reads a container's data.
+    /// @param name the container's name
+    /// @return its data
+    /// @throws Error ECI_ERR_CONTAINER_NOTFOUND when there is no such container.
     std::string get(std::string_view name) const
     {
         const std::string key(name);
@@ -655,7 +688,9 @@ public:
         return readData(native(), key.c_str(), info.dataLength);
     }
 
-    /// @brief Removes container @p name. @throws Error ECI_ERR_CONTAINER_NOTFOUND when there is none.
+    /// @brief Removes a container.
+    /// @param name the container's name
+    /// @throws Error ECI_ERR_CONTAINER_NOTFOUND when there is no such container.
     void erase(std::string_view name)
     {
         const std::string key(name);
@@ -677,21 +712,31 @@ public:
 
         iterator() = default;  ///< the end of every iteration
 
-        reference operator*() const noexcept { return current_; }   ///< the current container
-        pointer operator->() const noexcept { return &current_; }   ///< the current container
-        /// @brief Moves to the next container. @throws Error when the library fails.
+        /// @brief The current container.
+        /// @return the container and its data
+        reference operator*() const noexcept { return current_; }
+        /// @brief The current container.
+        /// @return a pointer to the container
+        pointer operator->() const noexcept { return &current_; }
+        /// @brief Moves to the next container.
+        /// @return this iterator
+        /// @throws Error when the library fails.
         iterator& operator++()
         {
             ContainerInfo info;
             load(ECI_getNextContainer(channel_, &info), info);
             return *this;
         }
-        /// @brief Equal when both are at the end, or at the same container of the same channel.
+        /// @brief Compares two positions.
+        /// @param other the other iterator
+        /// @return true when both are at the end, or at the same container of the same channel
         bool operator==(const iterator& other) const noexcept
         {
             return channel_ == other.channel_ && (channel_ == nullptr || current_.name_ == other.current_.name_);
         }
-        /// @brief Not operator==.
+        /// @brief Compares two positions.
+        /// @param other the other iterator
+        /// @return the opposite of operator==
         bool operator!=(const iterator& other) const noexcept { return !(*this == other); }
 
     private:
@@ -715,17 +760,21 @@ public:
         Container current_;
     };
 
-    /// @brief The first (newest) container. @throws Error when the library fails.
+    /// @brief Starts an iteration over the containers.
+    /// @return an iterator at the newest container, or end() when there is none
+    /// @throws Error when the library fails.
     iterator begin() const
     {
         ContainerInfo info;
         const int rc = ECI_getFirstContainer(native(), &info);
         return iterator(native(), rc, info);
     }
-    /// @brief The end of the iteration.
+    /// @brief The end of an iteration.
+    /// @return an iterator past the last container
     iterator end() const noexcept { return {}; }
 
-    /// @brief The C channel token, for the C functions; null for a moved-from Channel.
+    /// @brief The C channel token, for the C functions.
+    /// @return the token; null for a moved-from Channel
     ::Channel* native() const noexcept { return handle_.get(); }
 
 private:
@@ -804,7 +853,9 @@ public:
     }
 
     Connection(Connection&&) noexcept = default;  ///< takes over the connection; the source holds none
-    /// @brief Ends this connection as the destructor does, then takes over @p other's.
+    /// @brief Ends this connection as the destructor does, then takes over another's.
+    /// @param other the Connection whose connection is taken; it is left holding none
+    /// @return this object
     Connection& operator=(Connection&& other) noexcept
     {
         if (this != &other) {
@@ -848,7 +899,8 @@ public:
         if (rc != 0) throw Error(rc, "purging the connection");
     }
 
-    /// @brief The C gateway token, for the C functions; null once closed or moved from.
+    /// @brief The C gateway token, for the C functions.
+    /// @return the token; null once closed or moved from
     GatewayToken* native() const noexcept { return link_ ? link_->token.load() : nullptr; }
 
     /**
@@ -856,6 +908,7 @@ public:
      * @param program  program name, at most 8 characters
      * @param commarea the data sent, at most 32767 bytes
      * @param options  transaction, system, credentials, time-out, unit of work, COMMAREA size
+     * @return the reply
      * @throws Error with the call's return code (ECI_ERR_TRANSACTION_ABEND with the abend code, ...).
      */
     Reply call(std::string_view program, std::string_view commarea, const CallOptions& options = {})
@@ -874,6 +927,11 @@ public:
     }
 
     /// @brief call() with a COMMAREA from any contiguous range of bytes (std::vector<std::byte>, std::array, ...).
+    /// @param program  program name, at most 8 characters
+    /// @param commarea the data sent, at most 32767 bytes
+    /// @param options  as for the other call()
+    /// @return the reply
+    /// @throws Error with the call's return code.
     template <class Bytes, class = detail::EnableForBytes<Bytes>>
     Reply call(std::string_view program, const Bytes& commarea, const CallOptions& options = {})
     {
@@ -882,6 +940,10 @@ public:
 
     /**
      * @brief Calls @p program synchronously with a channel; the reply's containers land in @p channel.
+     * @param program program name, at most 8 characters
+     * @param channel the channel sent, and changed by the reply
+     * @param options as for the other call()
+     * @return the reply, whose data() is empty
      * @throws Error with the call's return code.
      */
     Reply call(std::string_view program, Channel& channel, const CallOptions& options = {})
@@ -900,6 +962,9 @@ public:
 
     /**
      * @brief Sends an asynchronous call of @p program with a COMMAREA and returns without waiting.
+     * @param program  program name, at most 8 characters
+     * @param commarea the data sent, at most 32767 bytes
+     * @param options  as for call()
      * @return the reply to come; PendingReply::get() collects it by its message qualifier.
      * @throws Error when the request cannot be sent.
      */
@@ -916,6 +981,11 @@ public:
     }
 
     /// @brief callAsync() with a COMMAREA from any contiguous range of bytes.
+    /// @param program  program name, at most 8 characters
+    /// @param commarea the data sent, at most 32767 bytes
+    /// @param options  as for call()
+    /// @return the reply to come
+    /// @throws Error when the request cannot be sent.
     template <class Bytes, class = detail::EnableForBytes<Bytes>>
     PendingReply callAsync(std::string_view program, const Bytes& commarea, const CallOptions& options = {})
     {
@@ -925,6 +995,10 @@ public:
     /**
      * @brief Sends an asynchronous call of @p program with a channel. Until the reply is collected the
      *        channel belongs to the call: container calls on it wait.
+     * @param program program name, at most 8 characters
+     * @param channel the channel sent, and changed by the reply
+     * @param options as for call()
+     * @return the reply to come
      * @throws Error when the request cannot be sent.
      */
     PendingReply callAsync(std::string_view program, Channel& channel, const CallOptions& options = {})
@@ -938,7 +1012,9 @@ public:
         return PendingReply(link_, parms.eci_message_qualifier, {}, channel.handle_);
     }
 
-    /// @brief The systems the Gateway knows; empty when it knows none. @throws Error when the library fails.
+    /// @brief Lists the systems the Gateway knows.
+    /// @return the systems in the Gateway's order; empty when it knows none
+    /// @throws Error when the library fails.
     std::vector<System> systems()
     {
         std::vector<SystemInfo> list(16);
@@ -963,7 +1039,10 @@ public:
     }
 
     /**
-     * @brief Verifies @p user 's @p password on @p server (empty: the Gateway's default).
+     * @brief Verifies a user's password on a server.
+     * @param user     user id
+     * @param password the password to verify
+     * @param server   the server; empty: the Gateway's default
      * @return the user's details
      * @throws Error ESI_ERR_PASSWORD_INVALID, ESI_ERR_PASSWORD_EXPIRED, ESI_ERR_USERID_INVALID, ...
      */
@@ -980,8 +1059,11 @@ public:
     }
 
     /**
-     * @brief Changes @p user 's password from @p oldPassword to @p newPassword on @p server (empty: the
-     *        Gateway's default).
+     * @brief Changes a user's password on a server.
+     * @param user        user id
+     * @param oldPassword the current password
+     * @param newPassword the password to set
+     * @param server      the server; empty: the Gateway's default
      * @return the user's details
      * @throws Error ESI_ERR_PASSWORD_INVALID, ESI_ERR_PASSWORD_REJECTED, ESI_ERR_USERID_INVALID, ...
      */
