@@ -1103,8 +1103,10 @@ private:
             const auto left = std::chrono::ceil<std::chrono::seconds>(deadline - detail::Clock::now());
             rc = ZEP_purgeGatewayConnection(&token, detail::cSeconds(std::max(left, std::chrono::seconds{0})));
         }
-        link_->token.store(token);
-        if (token == nullptr) link_->forgetAbandoned();
+        if (token == nullptr) {  // freed; on failure the library keeps it, and so do we
+            link_->token.store(nullptr);
+            link_->forgetAbandoned();
+        }
         return rc;
     }
 
