@@ -199,14 +199,21 @@ struct IsByteRange<T, std::void_t<decltype(std::data(std::declval<const T&>())),
                                   decltype(std::size(std::declval<const T&>()))>>
     : std::bool_constant<isByte<std::remove_cv_t<std::remove_pointer_t<decltype(std::data(std::declval<const T&>()))>>>> {};
 
-/// Contiguous byte ranges that are not already texts: vector<std::byte>, vector<char>, std::array, ...
 template <class T>
-using EnableForBytes = std::enable_if_t<IsByteRange<T>::value && !std::is_convertible_v<const T&, std::string_view>>;
+inline constexpr bool isText = std::is_convertible_v<const T&, std::string_view>;
+
+/// Data for a COMMAREA or a container: a text (std::string_view, std::string, a literal) or any contiguous
+/// range of bytes (std::vector<std::byte>, std::vector<char>, std::array, ...).
+template <class T>
+using EnableForData = std::enable_if_t<isText<T> || IsByteRange<T>::value>;
 
 template <class T>
-std::string_view asText(const T& bytes) noexcept
+std::string_view asText(const T& data) noexcept
 {
-    return {reinterpret_cast<const char*>(std::data(bytes)), std::size(bytes)};
+    if constexpr (isText<T>)
+        return data;  // a literal's length without its NUL
+    else
+        return {reinterpret_cast<const char*>(std::data(data)), std::size(data)};
 }
 
 /// A copy of a secret that is overwritten before its memory goes back.
@@ -651,14 +658,9 @@ public:
 
     /// @brief Puts a BIT container of bytes into the channel, replacing any container of that name.
     /// @param name  the container's name: 1 to 16 characters, as for a channel
-    /// @param bytes the container's data
+    /// @param bytes the container's data: a text or any contiguous range of bytes (std::vector<std::byte>, ...)
     /// @throws Error ECI_ERR_INVALID_NAME, ECI_ERR_INVALID_CHANNEL, ...
-    void put(std::string_view name, std::string_view bytes) { create(name, ECI_BIT, 0, bytes); }
-    /// @brief Puts a BIT container from any contiguous range of bytes (std::vector<std::byte>, std::array, ...).
-    /// @param name  the container's name
-    /// @param bytes the container's data
-    /// @throws Error as the other put()
-    template <class Bytes, class = detail::EnableForBytes<Bytes>>
+    template <class Bytes, class = detail::EnableForData<Bytes>>
     void put(std::string_view name, const Bytes& bytes)
     {
         create(name, ECI_BIT, 0, detail::asText(bytes));
@@ -906,90 +908,55 @@ public:
     /**
      * @brief Calls @p program synchronously with a COMMAREA and waits for its reply.
      * @param program  program name, at most 8 characters
-     * @param commarea the data sent, at most 32767 bytes
+     * @param commarea the data sent, at most 32767 bytes: a text (std::string_view, std::string, a literal)
+     *                 or any contiguous range of bytes (std::vector<std::byte>, std::vector<char>, std::array)
      * @param options  transaction, system, credentials, time-out, unit of work, COMMAREA size
      * @return the reply
      * @throws Error with the call's return code (ECI_ERR_TRANSACTION_ABEND with the abend code, ...).
      */
-    Reply call(std::string_view program, std::string_view commarea, const CallOptions& options = {})
+    template <class Data, class = detail::EnableForData<Data>>
+    Reply call(std::string_view program, const Data& commarea, const CallOptions& options = {})
     {
-        reapDropped();
-        detail::Credentials credentials(options);
-        EciParms parms = detail::callParms(ECI_SYNC, program, options, credentials);
+        const std::string_view data = detail::asText(commarea);
         Reply reply;
-        reply.data_ = detail::makeArea(commarea, options);
-        detail::setCommarea(parms, reply.data_, commarea.size(), program);
-        const int rc = ZEP_ECI_Execute(native(), &parms);
-        detail::trimmed(parms.eci_abend_code, 4).copy(reply.abend_, 4);
-        reply.luwToken_ = parms.eci_luw_token;
-        if (rc != 0) throw Error(rc, "call of program " + std::string(program), reply.abend_);
-        return reply;
-    }
-
-    /// @brief call() with a COMMAREA from any contiguous range of bytes (std::vector<std::byte>, std::array, ...).
-    /// @param program  program name, at most 8 characters
-    /// @param commarea the data sent, at most 32767 bytes
-    /// @param options  as for the other call()
-    /// @return the reply
-    /// @throws Error with the call's return code.
-    template <class Bytes, class = detail::EnableForBytes<Bytes>>
-    Reply call(std::string_view program, const Bytes& commarea, const CallOptions& options = {})
-    {
-        return call(program, detail::asText(commarea), options);
+        reply.data_ = detail::makeArea(data, options);
+        EciParms parms;
+        const int rc = execute(parms, ECI_SYNC, program, options, &reply.data_, data.size(), nullptr);
+        return replied(rc, parms, std::move(reply), program);
     }
 
     /**
      * @brief Calls @p program synchronously with a channel; the reply's containers land in @p channel.
      * @param program program name, at most 8 characters
      * @param channel the channel sent, and changed by the reply
-     * @param options as for the other call()
+     * @param options as for call()
      * @return the reply, whose data() is empty
      * @throws Error with the call's return code.
      */
     Reply call(std::string_view program, Channel& channel, const CallOptions& options = {})
     {
-        reapDropped();
-        detail::Credentials credentials(options);
-        EciParms parms = detail::callParms(ECI_SYNC, program, options, credentials);
-        parms.eci_channel = channel.native();
-        const int rc = ZEP_ECI_Execute_Channel(native(), &parms);
-        Reply reply;
-        detail::trimmed(parms.eci_abend_code, 4).copy(reply.abend_, 4);
-        reply.luwToken_ = parms.eci_luw_token;
-        if (rc != 0) throw Error(rc, "call of program " + std::string(program), reply.abend_);
-        return reply;
+        EciParms parms;
+        const int rc = execute(parms, ECI_SYNC, program, options, nullptr, 0, &channel);
+        return replied(rc, parms, Reply{}, program);
     }
 
     /**
      * @brief Sends an asynchronous call of @p program with a COMMAREA and returns without waiting.
      * @param program  program name, at most 8 characters
-     * @param commarea the data sent, at most 32767 bytes
+     * @param commarea the data sent, at most 32767 bytes, as for call()
      * @param options  as for call()
      * @return the reply to come; PendingReply::get() collects it by its message qualifier.
      * @throws Error when the request cannot be sent.
      */
-    PendingReply callAsync(std::string_view program, std::string_view commarea, const CallOptions& options = {})
+    template <class Data, class = detail::EnableForData<Data>>
+    PendingReply callAsync(std::string_view program, const Data& commarea, const CallOptions& options = {})
     {
-        reapDropped();
-        detail::Credentials credentials(options);
-        EciParms parms = detail::callParms(ECI_ASYNC, program, options, credentials);
-        std::string area = detail::makeArea(commarea, options);
-        detail::setCommarea(parms, area, commarea.size(), program);
-        const int rc = ZEP_ECI_Execute(native(), &parms);
+        const std::string_view data = detail::asText(commarea);
+        std::string area = detail::makeArea(data, options);
+        EciParms parms;
+        const int rc = execute(parms, ECI_ASYNC, program, options, &area, data.size(), nullptr);
         if (rc != 0) throw Error(rc, "asynchronous call of program " + std::string(program));
         return PendingReply(link_, parms.eci_message_qualifier, std::move(area), nullptr);
-    }
-
-    /// @brief callAsync() with a COMMAREA from any contiguous range of bytes.
-    /// @param program  program name, at most 8 characters
-    /// @param commarea the data sent, at most 32767 bytes
-    /// @param options  as for call()
-    /// @return the reply to come
-    /// @throws Error when the request cannot be sent.
-    template <class Bytes, class = detail::EnableForBytes<Bytes>>
-    PendingReply callAsync(std::string_view program, const Bytes& commarea, const CallOptions& options = {})
-    {
-        return callAsync(program, detail::asText(commarea), options);
     }
 
     /**
@@ -1003,11 +970,8 @@ public:
      */
     PendingReply callAsync(std::string_view program, Channel& channel, const CallOptions& options = {})
     {
-        reapDropped();
-        detail::Credentials credentials(options);
-        EciParms parms = detail::callParms(ECI_ASYNC, program, options, credentials);
-        parms.eci_channel = channel.native();
-        const int rc = ZEP_ECI_Execute_Channel(native(), &parms);
+        EciParms parms;
+        const int rc = execute(parms, ECI_ASYNC, program, options, nullptr, 0, &channel);
         if (rc != 0) throw Error(rc, "asynchronous call of program " + std::string(program));
         return PendingReply(link_, parms.eci_message_qualifier, {}, channel.handle_);
     }
@@ -1081,6 +1045,31 @@ public:
     }
 
 private:
+    /// Sends one call of @p program with @p channel, or when that is null with the COMMAREA @p area of
+    /// which the first @p sent bytes go out; the library's results are left in @p parms.
+    int execute(EciParms& parms, std::int16_t callType, std::string_view program, const CallOptions& options,
+                std::string* area, std::size_t sent, const Channel* channel)
+    {
+        reapDropped();
+        detail::Credentials credentials(options);
+        parms = detail::callParms(callType, program, options, credentials);
+        if (channel != nullptr) {
+            parms.eci_channel = channel->native();
+            return ZEP_ECI_Execute_Channel(native(), &parms);
+        }
+        detail::setCommarea(parms, *area, sent, program);
+        return ZEP_ECI_Execute(native(), &parms);
+    }
+
+    /// The result of a synchronous call: @p reply with the block's abend code and LUW token, or the Error.
+    static Reply replied(int rc, const EciParms& parms, Reply reply, std::string_view program)
+    {
+        detail::trimmed(parms.eci_abend_code, 4).copy(reply.abend_, 4);
+        reply.luwToken_ = parms.eci_luw_token;
+        if (rc != 0) throw Error(rc, "call of program " + std::string(program), reply.abend_);
+        return reply;
+    }
+
     /// Collects replies of dropped PendingReply objects that have arrived, so that they free their
     /// memory and channels early; costs one relaxed load when there are none.
     void reapDropped() noexcept
