@@ -434,10 +434,14 @@ constexpr long long daysFromCivil(long long year, long long month, long long day
 inline std::chrono::system_clock::time_point toTimePoint(const EsiTime& t) noexcept
 {
     if (t.year == 0) return {};
-    const long long seconds = daysFromCivil(t.year, t.month + 1LL, t.day) * 86400LL + t.hour * 3600LL +
-                              t.minute * 60LL + t.second;
+    using Duration = std::chrono::system_clock::duration;
+    // Years far outside the clock's range (a few centuries around 1970) are pinned to its ends.
+    constexpr long long limit = std::chrono::duration_cast<std::chrono::seconds>(Duration::max()).count();
+    const long long seconds = std::clamp(daysFromCivil(t.year, t.month + 1LL, t.day) * 86400LL +
+                                             t.hour * 3600LL + t.minute * 60LL + t.second,
+                                         -limit, limit);
     return std::chrono::system_clock::time_point{} +
-           std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::seconds{seconds});
+           std::chrono::duration_cast<Duration>(std::chrono::seconds{seconds});
 }
 
 inline UserDetails toUserDetails(const EsiDetails& d) noexcept
@@ -457,10 +461,10 @@ inline UserDetails toUserDetails(const EsiDetails& d) noexcept
  * @brief The reply of an asynchronous call, still to be collected; move-only, like std::future.
  *
  * get() waits for the reply and returns it; wait_for() waits a bounded time and collects the reply if it
- * has come. A PendingReply that is dropped before its reply was collected never blocks: the reply is
- * collected and thrown away by the connection as soon as it has arrived (at the latest when the connection
- * closes, which waits at most Connection::drainLimit for it), and a channel it was sent with stays busy
- * until then.
+ * has come. A PendingReply that is dropped before its reply was collected never blocks: the connection
+ * collects the reply and throws it away, at once if it has arrived, else at the connection's next call or
+ * when it closes (which waits at most Connection::drainLimit for it); a channel it was sent with stays
+ * busy until then.
  */
 class PendingReply {
 public:
