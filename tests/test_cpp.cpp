@@ -1,0 +1,242 @@
+// The C++ interface (zepclient.hpp) against zepgw: errors, lifetimes, moves, asynchronous replies,
+// channels, options on the wire, systems and passwords, the header's own refusals, and the C++ demo.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "run_command.h"
+#include "trace_capture.h"
+#include "zepclient.hpp"
+#include "zepgw_process.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+class Cpp : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(gw.start()); }
+    ZepgwProcess gw;
+};
+
+// The zep::Error that `action` throws; one with code 0 when it throws none.
+zep::Error caught(const std::function<void()>& action)
+{
+    try { action(); } catch (const zep::Error& e) { return e; }
+    return zep::Error(0, "nothing thrown");
+}
+
+long long unixSeconds(std::chrono::system_clock::time_point t)
+{
+    return std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
+}
+
+TEST_F(Cpp, ErrorsCarryTheReturnCodeItsNameAndTheAbendCode)
+{
+    ZepgwProcess stopped;
+    ASSERT_TRUE(stopped.start());
+    const int closedPort = stopped.port();
+    ASSERT_TRUE(stopped.stop());
+    zep::Connection conn{"127.0.0.1", gw.port()};
+    zep::Channel ch{"ERRORS"};
+    zep::CallOptions unknownSystem;
+    unknownSystem.system = "NOSYS";
+    const struct { std::function<void()> action; int rc; const char* name; const char* abend; } cases[] = {
+        {[&] { zep::Connection{"127.0.0.1", closedPort}; }, ZEP_ERR_CONNECTFAILED, "ZEP_ERR_CONNECTFAILED", ""},
+        {[&] { zep::Connection{"127.0.0.1", 0}; }, ZEP_ERR_BADPORT, "ZEP_ERR_BADPORT", ""},
+        {[&] { zep::Connection("127.0.0.1", gw.port(), 3601s); }, ZEP_ERR_INVALIDTIMEOUTPARM, "ZEP_ERR_INVALIDTIMEOUTPARM", ""},
+        {[&] { zep::Connection("127.0.0.1", gw.port(), 5s, "NINECHARS"); }, ZEP_ERR_APPLIDTOOLONG, "ZEP_ERR_APPLIDTOOLONG", ""},
+        {[&] { conn.call("ABEND", "x"); }, ECI_ERR_TRANSACTION_ABEND, "ECI_ERR_TRANSACTION_ABEND", "ZA01"},
+        {[&] { conn.call("CHANNEL", "no channel"); }, ECI_ERR_TRANSACTION_ABEND, "ECI_ERR_TRANSACTION_ABEND", "ZNCH"},
+        {[&] { conn.callAsync("FAIL", "x").get(); }, ECI_ERR_ROLLEDBACK, "ECI_ERR_ROLLEDBACK", ""},
+        {[&] { conn.call("ECHO", "x", unknownSystem); }, ECI_ERR_UNKNOWN_SERVER, "ECI_ERR_UNKNOWN_SERVER", ""},
+        {[&] { conn.call("PROGRAM99", "x"); }, ECI_ERR_INVALID_NAME, "ECI_ERR_INVALID_NAME", ""},
+        {[&] { conn.call("ECHO", std::string(32768, 'x')); }, ECI_ERR_INVALID_DATA_LENGTH, "ECI_ERR_INVALID_DATA_LENGTH", ""},
+        {[&] { conn.purge(3601s); }, ZEP_ERR_INVALIDTIMEOUTPARM, "ZEP_ERR_INVALIDTIMEOUTPARM", ""},
+        {[&] { conn.verifyPassword("ZEPUSER", "WRONG"); }, ESI_ERR_PASSWORD_INVALID, "ESI_ERR_PASSWORD_INVALID", ""},
+        {[&] { conn.verifyPassword("EXPIRED", "OLDPASS1"); }, ESI_ERR_PASSWORD_EXPIRED, "ESI_ERR_PASSWORD_EXPIRED", ""},
+        {[&] { ch.get("MISSING"); }, ECI_ERR_CONTAINER_NOTFOUND, "ECI_ERR_CONTAINER_NOTFOUND", ""},
+        {[&] { zep::Channel{"bad name"}; }, ECI_ERR_INVALID_NAME, "ECI_ERR_INVALID_NAME", ""},
+    };
+    for (const auto& c : cases) {
+        const zep::Error e = caught(c.action);
+        EXPECT_EQ(e.code().value(), c.rc) << c.name;
+        EXPECT_EQ(e.code().message(), c.name);
+        EXPECT_EQ(&e.code().category(), &zep::category());
+        EXPECT_EQ(e.abendCode(), c.abend) << c.name;
+        EXPECT_NE(std::string(e.what()).find(c.name), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(conn.call("ECHO", "still open").data(), "still open");
+}
+
+TEST_F(Cpp, OptionsReachTheGatewayAndUnitsOfWorkCarryTheirToken)
+{
+    zep::Connection conn{"127.0.0.1", gw.port()};
+    zep::CallOptions options;
+    options.transaction = "TX1";
+    options.system = "ZEPSYS2";
+    options.user = "ALICE";
+    options.password = "WONDER11";
+    options.timeout = 7s;
+    options.commareaLength = 80;
+    const zep::Reply who = conn.call("WHO", "", options);
+    EXPECT_EQ(who.data().size(), 80u);
+    EXPECT_EQ(std::string(who.data().data()), "user=ALICE password=WONDER11 transid=TX1 system=ZEPSYS2 kind=1 timeout=7");
+
+    zep::CallOptions unit;
+    unit.extendMode = zep::ExtendMode::extended;
+    const zep::Reply first = conn.call("LUW", std::vector<char>(6, 'a'), unit);
+    EXPECT_NE(first.luwToken(), 0);
+    unit.luwToken = first.luwToken();
+    const zep::Reply second = conn.call("LUW", std::vector<char>(6, 'a'), unit);
+    EXPECT_EQ(second.data(), std::string("\0\0\0\2aa", 6));
+    EXPECT_EQ(second.luwToken(), first.luwToken());
+    unit.extendMode = zep::ExtendMode::commit;
+    EXPECT_EQ(conn.call("LUW", "", unit).luwToken(), 0);
+}
+
+TEST_F(Cpp, AsyncRepliesAreCollectedInAnyOrder)
+{
+    zep::Connection conn{"127.0.0.1", gw.port()};
+    const std::vector<std::byte> bytes{std::byte{'a'}, std::byte{'b'}, std::byte{'c'}};
+    const std::array<char, 3> chars{'x', 'y', 'z'};
+    zep::PendingReply reversed = conn.callAsync("REVERSE", bytes);
+    zep::PendingReply upper = conn.callAsync("UPPER", chars);
+    zep::PendingReply echoed = conn.callAsync("ECHO", "sent last");
+    EXPECT_TRUE(reversed.qualifier() != upper.qualifier() && upper.qualifier() != echoed.qualifier());
+    EXPECT_EQ(echoed.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(echoed.get().data(), "sent last");
+    EXPECT_EQ(upper.get().data(), "XYZ");
+    EXPECT_EQ(reversed.get().data(), "cba");
+}
+
+TEST_F(Cpp, DroppedRepliesNeitherLeakNorBlockTheEnd)
+{
+    zep::PendingReply outliving;
+    GatewayToken* token = nullptr;
+    const auto start = std::chrono::steady_clock::now();
+    {
+        zep::Connection conn{"127.0.0.1", gw.port()};
+        token = conn.native();
+        zep::Channel ch{"HELD"};
+        ch.put("DATA", "bytes");
+        outliving = conn.callAsync("HANG", "never answered");
+        EXPECT_EQ(outliving.wait_for(20ms), std::future_status::timeout);
+        conn.callAsync("HANG", ch);        // dropped at once; the request keeps the channel
+        conn.callAsync("ECHO", "dropped");  // dropped; its reply is collected and thrown away
+        EXPECT_EQ(conn.call("ECHO", "still usable").data(), "still usable");
+    }  // the channel goes first without blocking; the connection purges within its drain limit
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
+    EXPECT_EQ(caught([&] { outliving.get(); }).code().value(), ZEP_ERR_NULLGWTOK);
+    char* applid = nullptr;
+    EXPECT_EQ(ZEP_getApplid(token, &applid), ZEP_ERR_BADGWTOK);
+    TraceCapture trace(0);
+    ZEP_dumpState();
+    EXPECT_NE(trace.text().find("The Gateway Token List is EMPTY\n"), std::string::npos) << trace.text();
+    EXPECT_NE(trace.text().find("The channel list is EMPTY\n"), std::string::npos) << trace.text();
+}
+
+TEST_F(Cpp, MovedFromObjectsAreHarmless)
+{
+    zep::Connection first{"127.0.0.1", gw.port()};
+    GatewayToken* token = first.native();
+    zep::Connection second = std::move(first);
+    EXPECT_EQ(first.native(), nullptr);
+    EXPECT_EQ(second.native(), token);
+    first.close();
+    first.purge(0s);
+    EXPECT_EQ(caught([&] { first.call("ECHO", "x"); }).code().value(), ZEP_ERR_NULLGWTOK);
+
+    zep::PendingReply pending = second.callAsync("ECHO", "moved");
+    zep::PendingReply taken = std::move(pending);
+    EXPECT_EQ(pending.qualifier(), 0u);
+    EXPECT_EQ(caught([&] { pending.get(); }).code().value(), ECI_ERR_INVALID_MSG_QUAL);
+    EXPECT_EQ(taken.get().data(), "moved");
+
+    zep::Channel ch{"MOVED"};
+    zep::Channel other = std::move(ch);
+    EXPECT_EQ(ch.native(), nullptr);
+    EXPECT_EQ(caught([&] { ch.put("X", "y"); }).code().value(), ECI_ERR_INVALID_CHANNEL);
+    EXPECT_EQ(other.name(), "MOVED");
+
+    first = zep::Connection{"127.0.0.1", gw.port()};
+    second = std::move(first);  // ends the connection `second` held
+    char* applid = nullptr;
+    EXPECT_EQ(ZEP_getApplid(token, &applid), ZEP_ERR_BADGWTOK);
+    EXPECT_EQ(second.call("ECHO", "alive").data(), "alive");
+}
+
+TEST_F(Cpp, ChannelRoundTrip)
+{
+    zep::Connection conn{"127.0.0.1", gw.port()};
+    zep::Channel ch{"ROUNDTRIP"};
+    ch.putText("MODTEXT", "reverse me", 37);
+    ch.put("GROWDATA", std::vector<std::byte>{std::byte{1}, std::byte{2}});
+    ch.putText("KEEP", "left alone");
+    ch.put("DELME", "gone");
+    ch.putText("KEEP", "kept");  // replaces
+    conn.call("CHANNEL", ch);
+    std::vector<std::tuple<std::string, bool, int, std::string>> seen;
+    for (const zep::Container& c : ch) seen.emplace_back(c.name(), c.isText(), c.ccsid(), c.data());
+    const decltype(seen) expected{{"RESULT", true, 37, "containers=4"},
+                                  {"KEEP", true, 37, "kept"},
+                                  {"GROWDATA", false, 0, "\1\2\1\2"},
+                                  {"MODTEXT", true, 37, "em esrever"}};
+    EXPECT_EQ(seen, expected);
+    ch.erase("RESULT");
+    conn.callAsync("CHANNEL", ch).get();
+    EXPECT_EQ(ch.get("MODTEXT"), "reverse me");
+    EXPECT_EQ(ch.get("RESULT"), "containers=3");
+    EXPECT_EQ(ch.name(), "ROUNDTRIP");
+}
+
+TEST_F(Cpp, SystemsAndPasswordDetails)
+{
+    zep::Connection conn{"127.0.0.1", gw.port()};
+    std::vector<std::string> names;
+    for (const zep::System& s : conn.systems()) names.push_back(s.name + "|" + s.description);
+    EXPECT_EQ(names, (std::vector<std::string>{"ZEPSYS1|zepgw default system", "ZEPSYS2|zepgw second system",
+                                               "TEST|zepgw test system"}));
+    const zep::UserDetails user = conn.verifyPassword("ZEPUSER", "ZEPPASS1");
+    EXPECT_EQ(unixSeconds(user.time1), 1609491610);  // 2021-01-01 09:00:10 UTC
+    EXPECT_EQ(unixSeconds(user.time3), 1672570830);  // 2023-01-01 11:00:30
+    EXPECT_EQ(user.count, 1);
+    conn.changePassword("ALICE", "WONDER11", "NEWPASS1");
+    EXPECT_EQ(unixSeconds(conn.verifyPassword("ALICE", "NEWPASS1").time1), 1612256711);  // 2021-02-02 09:05:11
+
+    std::string table;
+    for (int i = 0; i < 40; ++i) table += "SYS" + std::to_string(i) + "\tsystem " + std::to_string(i) + "\n";
+    TempFile many(table), none("");
+    ZepgwProcess manyGw, noneGw;
+    ASSERT_TRUE(manyGw.start({"--systems", many.path()}) && noneGw.start({"--systems", none.path()}));
+    const std::vector<zep::System> all = zep::Connection{"127.0.0.1", manyGw.port()}.systems();
+    ASSERT_EQ(all.size(), 40u);
+    EXPECT_EQ(all[39].name + all[39].description, "SYS39system 39");
+    EXPECT_TRUE(zep::Connection("127.0.0.1", noneGw.port()).systems().empty());
+}
+
+TEST(CppHeader, RefusesToCompileWithoutExceptions)
+{
+    const CommandResult result = runCommand("echo '#include \"zepclient.hpp\"' | " ZEP_CXX_COMPILER
+                                            " -std=c++17 -fno-exceptions -fsyntax-only -I" ZEP_SOURCE_DIR
+                                            "/include -x c++ - 2>&1");
+    EXPECT_NE(result.status, 0);
+    EXPECT_NE(result.output.find("#error \"zepclient.hpp reports every failure by throwing zep::Error and cannot"),
+              std::string::npos) << result.output;
+    EXPECT_EQ(result.output.find("exception handling disabled"), std::string::npos) << result.output;
+}
+
+TEST_F(Cpp, DemoRunsEveryStep)
+{
+    const CommandResult result = runCommand(ZEP_DEMO_CPP " " + std::to_string(gw.port()));
+    EXPECT_EQ(result.status, 0) << result.output;
+    for (const char* line : {"  UPPER answered \"HELLO, GATEWAY\"\n", "  reply to 1: \"tseuqer tsrif\"\n",
+                             "  MODTEXT          CHAR  10 bytes: em esrever\n",
+                             "  first time:            Friday 01 January 2021 09:00:10\n", "demo: every step worked\n"})
+        EXPECT_NE(result.output.find(line), std::string::npos) << line << result.output;
+}
+
+}  // namespace
