@@ -52,6 +52,10 @@ private:
 
     bool readMessage(Message& m);
     bool readHeaderRest(Header& h, size_t typeLength);
+    bool readPayload(Message& m);
+    size_t fill(size_t n);      // reader thread only
+    void consume(size_t n) { inBegin_ += n; }
+    const uint8_t* input() const { return in_.data() + inBegin_; }
     bool dispatch(const Message& m);
     void onHandshake(const Message& m);
     void onEci(const Message& m);
@@ -77,6 +81,11 @@ private:
     LuwTable luw_;  // reader thread only
     std::string badReason_;  // reader thread only
     bool over_ = false;      // reader thread only: a fault mode ended the connection
+    // What one recv brought and no message has taken yet: a pipelined client's
+    // requests are taken from here without a system call each. Reader thread only.
+    Bytes in_;
+    size_t inBegin_ = 0;
+    size_t inEnd_ = 0;
 
     std::mutex writeMutex_;
     bool writesClosed_ = false;  // under writeMutex_
