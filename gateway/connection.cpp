@@ -21,6 +21,8 @@ constexpr std::chrono::seconds kDrainLimit(5);
 
 // Input read ahead per connection; payloads larger than this go straight into the message.
 constexpr size_t kInputBuffer = 16 * 1024;
+// Replies held back beyond this are written at once.
+constexpr size_t kHeldLimit = 64 * 1024;
 
 // Reads n bytes; returns fewer only at end of stream or on an error.
 size_t recvAll(int fd, uint8_t* p, size_t n)
@@ -69,10 +71,15 @@ void Connection::run()
 {
     if (context_.options.verbose)
         logLine("conn %d opened", number_);
+    {
+        std::lock_guard<std::mutex> lock(writeMutex_);
+        reader_ = std::this_thread::get_id();
+    }
     bool going = true;
     Message m;  // reused, so that its payload keeps its storage
     while (going)
         going = readMessage(m) && dispatch(m);
+    flushHeld();
     if (!badReason_.empty()) {
         logLine("conn %d closed: %s", number_, badReason_.c_str());
         abort();
@@ -149,6 +156,8 @@ bool Connection::readPayload(Message& m)
     const size_t buffered = std::min(fill(std::min(n, in_.size())), n);
     std::copy(input(), input() + buffered, m.payload.data());
     consume(buffered);
+    if (buffered < n)
+        flushHeld();
     if (buffered < n && recvAll(fd_, m.payload.data() + buffered, n - buffered) < n - buffered) {
         bad(format("truncated message: payload of %ld bytes announced", m.header.payloadLength));
         return false;
@@ -167,6 +176,7 @@ size_t Connection::fill(size_t n)
         inEnd_ -= inBegin_;
         inBegin_ = 0;
     }
+    flushHeld();
     while (inEnd_ - inBegin_ < n) {
         const ssize_t r = ::recv(fd_, in_.data() + inEnd_, in_.size() - inEnd_, 0);
         if (r > 0)
@@ -363,8 +373,34 @@ void Connection::sendPartAndClose(const Bytes& message, size_t length)
     closeWritesLocked();
 }
 
-// Write mutex held on entry.
+// Write mutex held on entry. The reader thread's writes are held back until
+// it waits for input (fill), so that one write carries the replies to all the
+// requests a client pipelined; every other writer sends them first.
 bool Connection::writeLocked(const uint8_t* data, size_t length)
+{
+    if (std::this_thread::get_id() == reader_ && !writesClosed_) {
+        held_.insert(held_.end(), data, data + length);
+        return held_.size() < kHeldLimit || flushLocked();
+    }
+    return flushLocked() && sendLocked(data, length);
+}
+
+// Write mutex held on entry.
+bool Connection::flushLocked()
+{
+    const bool sent = sendLocked(held_.data(), held_.size());
+    held_.clear();
+    return sent;
+}
+
+void Connection::flushHeld()
+{
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    flushLocked();
+}
+
+// Write mutex held on entry.
+bool Connection::sendLocked(const uint8_t* data, size_t length)
 {
     while (length > 0 && !writesClosed_) {
         const ssize_t w = ::send(fd_, data, length, MSG_NOSIGNAL);
@@ -384,6 +420,7 @@ bool Connection::writeLocked(const uint8_t* data, size_t length)
 // Write mutex held on entry.
 void Connection::closeWritesLocked()
 {
+    flushLocked();
     if (writesClosed_)
         return;
     writesClosed_ = true;
@@ -403,6 +440,7 @@ void Connection::abort()
     ::shutdown(fd_, SHUT_RDWR);
     std::lock_guard<std::mutex> lock(writeMutex_);
     writesClosed_ = true;
+    held_.clear();
 }
 
 // Reads and drops what the client still sends until it closes its side, so

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "options.h"
 #include "programs.h"
@@ -69,6 +70,9 @@ private:
     void reply(const Bytes& message);
     void sendPartAndClose(const Bytes& message, size_t length);
     bool writeLocked(const uint8_t* data, size_t length);  // Write mutex held on entry.
+    bool sendLocked(const uint8_t* data, size_t length);   // Write mutex held on entry.
+    bool flushLocked();                                     // Write mutex held on entry.
+    void flushHeld();
     void closeWritesLocked();                               // Write mutex held on entry.
     void closeWrites();
 
@@ -89,6 +93,10 @@ private:
 
     std::mutex writeMutex_;
     bool writesClosed_ = false;  // under writeMutex_
+    // What the reader thread wrote while it still had requests in hand: sent in
+    // one write before it waits for more input or ends. Under writeMutex_.
+    Bytes held_;
+    std::thread::id reader_;  // under writeMutex_
     std::atomic<bool> pingy_{false};
     std::atomic<bool> aborted_{false};
     std::atomic<bool> ended_{false};

@@ -1,30 +1,32 @@
 #!/bin/sh
 # make bench: the library against the wire protocol's own limit, on one zepgw.
 #
-#     scripts/bench.sh [--quick] [--raw FILE] [build dir]     (build dir: build/64)
+#     scripts/bench.sh [--quick] [--raw FILE] [--zepgw PATH] [build dir]     (build dir: build/64)
 #
 # Every row runs raw_client (the protocol by hand) and zepbench (the library)
 # alternately, REPS times each, first with default scheduling, then with zepgw
 # and both clients pinned to CPU 0. The table shows medians, the ratio
 # library/raw, and the spread (max - min) / median of each side. Then the
 # memory figures. --quick (or BENCH_QUICK=1) runs 2 repetitions of 0.5 s and
-# 100,000 calls for the heap growth. --raw FILE keeps every result line.
+# 100,000 calls for the heap growth. --raw FILE keeps every result line;
+# --zepgw PATH measures against another zepgw binary than the build's.
 set -u
 
-reps=5 seconds=1 calls=1000000 rawfile=
+reps=5 seconds=1 calls=1000000 rawfile= zepgw=
 [ "${BENCH_QUICK:-0}" = 1 ] && { reps=2 seconds=0.5 calls=100000; }
 while [ $# -gt 0 ]; do
     case "$1" in
         --quick) reps=2 seconds=0.5 calls=100000 ;;
         --raw) rawfile=${2:?--raw needs a file}; shift ;;
-        --help) sed -n '2,12p' "$0" | cut -c3-; exit 0 ;;
+        --zepgw) zepgw=${2:?--zepgw needs a path}; shift ;;
+        --help) sed -n '2,13p' "$0" | cut -c3-; exit 0 ;;
         -*) echo "bench: unknown option '$1' (see scripts/bench.sh --help)" >&2; exit 2 ;;
         *) break ;;
     esac
     shift
 done
 build=${1:-build/64}
-zepgw="$build/zepgw" raw="$build/bench/raw_client" lib="$build/bench/zepbench"
+zepgw=${zepgw:-$build/zepgw} raw="$build/bench/raw_client" lib="$build/bench/zepbench"
 for program in "$zepgw" "$raw" "$lib"; do
     [ -x "$program" ] || { echo "bench: $program is missing; run make first" >&2; exit 2; }
 done
@@ -52,11 +54,11 @@ case "$port" in
     ''|*[!0-9]*) echo "bench: zepgw did not report its port" >&2; cat "$workdir/zepgw.log" >&2; exit 1 ;;
 esac
 
-# label | raw_client arguments | zepbench workload. The thread and asynchronous rows are measured
-# against the raw pipeline of 1000: the most one connection carries.
+# label | raw_client arguments | zepbench workload. Each library row is measured against the raw
+# client with as many requests in flight: N threads against batches of N written back to back.
 rows='sync 64 B, 1 thread|--workload sync --size 64|sync64
-sync 64 B, 8 threads|--workload pipeline --depth 1000 --size 64|sync64x8
-sync 64 B, 32 threads|--workload pipeline --depth 1000 --size 64|sync64x32
+sync 64 B, 8 threads|--workload pipeline --depth 8 --size 64|sync64x8
+sync 64 B, 32 threads|--workload pipeline --depth 32 --size 64|sync64x32
 1000 async + get-reply-wait|--workload pipeline --depth 1000 --size 64|async1000
 sync 32000 B, 1 thread|--workload sync --size 32000|sync32000'
 
@@ -146,7 +148,7 @@ memory() {
         }' "$workdir/memory"
 }
 
-echo "zepclient benchmark: $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) CPUs," \
+echo "zepclient benchmark: $(date -u '+%Y-%m-%d %H:%M UTC'), $zepgw, $(nproc) CPUs," \
     "$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1), load $(cut -d' ' -f1-3 /proc/loadavg)"
 : >"$workdir/results"
 measure default "" || exit 1
