@@ -124,4 +124,17 @@ double secondsSince(Clock::time_point start)
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+int runMain(const char* program, const std::function<int()>& body)
+{
+    try {
+        return body();
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "%s: %s (see %s --help)\n", program, e.what(), program);
+        return 2;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s: %s\n", program, e.what());
+        return 1;
+    }
+}
+
 }  // namespace bench

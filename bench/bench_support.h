@@ -60,4 +60,8 @@ void printResult(std::string_view workload, long calls, double seconds, Latencie
 
 double secondsSince(Clock::time_point start);
 
+// Runs a program's body and turns what it throws into a message and an exit
+// status: 2 for a UsageError ("see PROGRAM --help"), 1 for anything else.
+int runMain(const char* program, const std::function<int()>& body);
+
 }  // namespace bench

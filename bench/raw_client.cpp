@@ -293,17 +293,11 @@ Settings parse(int argc, char** argv, bool& run)
 
 int main(int argc, char** argv)
 {
-    Settings s;
-    try {
+    return bench::runMain("raw_client", [&] {
         bool run = false;
-        s = parse(argc, argv, run);
+        const Settings s = parse(argc, argv, run);
         if (!run)
             return 0;
-    } catch (const bench::UsageError& e) {
-        std::fprintf(stderr, "raw_client: %s (see raw_client --help)\n", e.what());
-        return 2;
-    }
-    try {
         Wire wire(s);
         wire.send(handshake());
         wire.receive(kFlowHandshake, kHandshakeId);
@@ -311,9 +305,6 @@ int main(int argc, char** argv)
             runSync(wire, s);
         else
             runPipeline(wire, s);
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "raw_client: %s\n", e.what());
-        return 1;
-    }
-    return 0;
+        return 0;
+    });
 }

@@ -291,32 +291,22 @@ Settings parse(int argc, char** argv, bool& run)
 
 int main(int argc, char** argv)
 {
-    Settings s;
-    try {
+    return bench::runMain("zepbench", [&] {
         bool run = false;
-        s = parse(argc, argv, run);
+        Settings s = parse(argc, argv, run);
         if (!run)
             return 0;
-    } catch (const bench::UsageError& e) {
-        std::fprintf(stderr, "zepbench: %s (see zepbench --help)\n", e.what());
-        return 2;
-    }
-    ZepgwProcess gateway;
-    if (s.port == 0) {
-        if (!gateway.start()) {
-            std::fprintf(stderr, "zepbench: zepgw (%s) did not start\n", ZepgwProcess::path());
-            return 1;
+        ZepgwProcess gateway;
+        if (s.port == 0) {
+            if (!gateway.start())
+                throw std::runtime_error(std::string("zepgw (") + ZepgwProcess::path() +
+                                         ") did not start");
+            s.port = gateway.port();
         }
-        s.port = gateway.port();
-    }
-    try {
         for (const std::string& name : s.workloads) {
             const Workload* w = findWorkload(name);
             w->run(s, w->name, w->parallel, w->size);
         }
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "zepbench: %s\n", e.what());
-        return 1;
-    }
-    return 0;
+        return 0;
+    });
 }

@@ -24,12 +24,13 @@ constexpr size_t kInputBuffer = 16 * 1024;
 // Replies held back beyond this are written at once.
 constexpr size_t kHeldLimit = 64 * 1024;
 
-// Reads n bytes; returns fewer only at end of stream or on an error.
-size_t recvAll(int fd, uint8_t* p, size_t n)
+// Reads at least min and at most max bytes; returns fewer than min only at
+// end of stream or on an error.
+size_t recvAtLeast(int fd, uint8_t* p, size_t min, size_t max)
 {
     size_t got = 0;
-    while (got < n) {
-        const ssize_t r = ::recv(fd, p + got, n - got, 0);
+    while (got < min) {
+        const ssize_t r = ::recv(fd, p + got, max - got, 0);
         if (r > 0)
             got += static_cast<size_t>(r);
         else if (r < 0 && errno == EINTR)
@@ -38,6 +39,12 @@ size_t recvAll(int fd, uint8_t* p, size_t n)
             break;
     }
     return got;
+}
+
+// Reads n bytes; returns fewer only at end of stream or on an error.
+size_t recvAll(int fd, uint8_t* p, size_t n)
+{
+    return recvAtLeast(fd, p, n, n);
 }
 
 void breakEyecatcher(Bytes& message)
@@ -177,15 +184,7 @@ size_t Connection::fill(size_t n)
         inBegin_ = 0;
     }
     flushHeld();
-    while (inEnd_ - inBegin_ < n) {
-        const ssize_t r = ::recv(fd_, in_.data() + inEnd_, in_.size() - inEnd_, 0);
-        if (r > 0)
-            inEnd_ += static_cast<size_t>(r);
-        else if (r < 0 && errno == EINTR)
-            continue;
-        else
-            break;
-    }
+    inEnd_ += recvAtLeast(fd_, in_.data() + inEnd_, n - (inEnd_ - inBegin_), in_.size() - inEnd_);
     return inEnd_ - inBegin_;
 }
 

@@ -43,16 +43,8 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-"$zepgw" --port 0 >"$workdir/port" 2>"$workdir/zepgw.log" &
-gwpid=$!
-port= tries=0
-while [ -z "$port" ] && [ $tries -lt 100 ] && kill -0 "$gwpid" 2>/dev/null; do
-    [ "$(wc -l <"$workdir/port")" -ge 1 ] && port=$(head -n 1 "$workdir/port")
-    [ -n "$port" ] || { sleep 0.1; tries=$((tries + 1)); }
-done
-case "$port" in
-    ''|*[!0-9]*) echo "bench: zepgw did not report its port" >&2; cat "$workdir/zepgw.log" >&2; exit 1 ;;
-esac
+. "$(dirname "$0")/zepgw-start.sh"
+start_zepgw "$zepgw" "$workdir" bench || exit 1
 
 # label | raw_client arguments | zepbench workload. Each library row is measured against the raw
 # client with as many requests in flight: N threads against batches of N written back to back.
