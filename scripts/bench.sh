@@ -31,20 +31,8 @@ for program in "$zepgw" "$raw" "$lib"; do
     [ -x "$program" ] || { echo "bench: $program is missing; run make first" >&2; exit 2; }
 done
 
-workdir=$(mktemp -d "${TMPDIR:-/tmp}/zepbench.XXXXXX") || exit 2
-gwpid=
-cleanup() {
-    if [ -n "$gwpid" ]; then
-        kill "$gwpid" 2>/dev/null
-        wait "$gwpid" 2>/dev/null
-    fi
-    rm -rf "$workdir"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
 . "$(dirname "$0")/zepgw-start.sh"
-start_zepgw "$zepgw" "$workdir" bench || exit 1
+start_zepgw "$zepgw" zepbench bench || exit 1
 
 # label | raw_client arguments | zepbench workload. Each library row is measured against the raw
 # client with as many requests in flight: N threads against batches of N written back to back.

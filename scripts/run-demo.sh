@@ -13,20 +13,8 @@ for program in "$zepgw" "$demo"; do
     fi
 done
 
-workdir=$(mktemp -d "${TMPDIR:-/tmp}/zepdemo.XXXXXX") || exit 2
-gwpid=
-cleanup() {
-    if [ -n "$gwpid" ]; then
-        kill "$gwpid" 2>/dev/null
-        wait "$gwpid" 2>/dev/null
-    fi
-    rm -rf "$workdir"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
 . "$(dirname "$0")/zepgw-start.sh"
-start_zepgw "$zepgw" "$workdir" run-demo || exit 1
+start_zepgw "$zepgw" zepdemo run-demo || exit 1
 
 echo "zepgw listens on port $port (pid $gwpid)"
 echo
