@@ -105,7 +105,9 @@ table() {
                 if (lk in p50)
                     lat = sprintf("%s | %.0f/%.0f", (rk in p50) ? sprintf("%.0f/%.0f", median(p50[rk]), median(p99[rk])) : "-",
                                   median(p50[lk]), median(p99[lk]))
-                printf "%-28s %10.0f %10.0f %7.2f %6.0f%%/%5.0f%%   %s\n", label, mr, ml, ml / mr, spread(rate[rk]), spread(rate[lk]), lat
+                line = sprintf("%-28s %10.0f %10.0f %7.2f %6.0f%%/%5.0f%%   %s", label, mr, ml, ml / mr, spread(rate[rk]), spread(rate[lk]), lat)
+                sub(/ +$/, "", line)
+                print line
             }
         }' "$workdir/results"
 }
