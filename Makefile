@@ -2,7 +2,7 @@
 JOBS      ?= 2
 FLAVOURS  := 32 64
 
-.PHONY: all deps build test demo clean configure
+.PHONY: all deps build test demo bench clean configure
 
 all: build
 
@@ -25,6 +25,11 @@ test: build
 
 demo: build
 	@scripts/run-demo.sh build/64
+
+# Not part of test: a few minutes of measurement on the 64-bit build (BENCH_QUICK=1 for a short run).
+bench: configure
+	@cmake --build build/64 -j$(JOBS) --target zepgw raw_client zepbench
+	@scripts/bench.sh build/64
 
 clean:
 	rm -rf build

@@ -19,12 +19,18 @@ namespace {
 // How long a connection that zepgw ends waits for the client to close its side.
 constexpr std::chrono::seconds kDrainLimit(5);
 
-// Reads n bytes; returns fewer only at end of stream or on an error.
-size_t recvAll(int fd, uint8_t* p, size_t n)
+// Input read ahead per connection; payloads larger than this go straight into the message.
+constexpr size_t kInputBuffer = 16 * 1024;
+// Replies held back beyond this are written at once.
+constexpr size_t kHeldLimit = 64 * 1024;
+
+// Reads at least min and at most max bytes; returns fewer than min only at
+// end of stream or on an error.
+size_t recvAtLeast(int fd, uint8_t* p, size_t min, size_t max)
 {
     size_t got = 0;
-    while (got < n) {
-        const ssize_t r = ::recv(fd, p + got, n - got, 0);
+    while (got < min) {
+        const ssize_t r = ::recv(fd, p + got, max - got, 0);
         if (r > 0)
             got += static_cast<size_t>(r);
         else if (r < 0 && errno == EINTR)
@@ -33,6 +39,12 @@ size_t recvAll(int fd, uint8_t* p, size_t n)
             break;
     }
     return got;
+}
+
+// Reads n bytes; returns fewer only at end of stream or on an error.
+size_t recvAll(int fd, uint8_t* p, size_t n)
+{
+    return recvAtLeast(fd, p, n, n);
 }
 
 void breakEyecatcher(Bytes& message)
@@ -53,7 +65,7 @@ std::string format(const char* fmt, long a, long b = 0)
 }  // namespace
 
 Connection::Connection(int fd, int number, Context& context)
-    : fd_(fd), number_(number), context_(context)
+    : fd_(fd), number_(number), context_(context), in_(kInputBuffer)
 {
 }
 
@@ -66,11 +78,15 @@ void Connection::run()
 {
     if (context_.options.verbose)
         logLine("conn %d opened", number_);
-    bool going = true;
-    while (going) {
-        Message m;
-        going = readMessage(m) && dispatch(m);
+    {
+        std::lock_guard<std::mutex> lock(writeMutex_);
+        reader_ = std::this_thread::get_id();
     }
+    bool going = true;
+    Message m;  // reused, so that its payload keeps its storage
+    while (going)
+        going = readMessage(m) && dispatch(m);
+    flushHeld();
     if (!badReason_.empty()) {
         logLine("conn %d closed: %s", number_, badReason_.c_str());
         abort();
@@ -92,15 +108,15 @@ void Connection::bad(const std::string& reason)
 // False at the end of the stream, or on bad input with badReason_ set.
 bool Connection::readMessage(Message& m)
 {
-    uint8_t fixed[kHeaderFixedPart];
-    const size_t got = recvAll(fd_, fixed, sizeof fixed);
+    const size_t got = fill(kHeaderFixedPart);
     if (got == 0)
         return false;
-    if (got < sizeof fixed) {
+    if (got < kHeaderFixedPart) {
         bad("truncated header");
         return false;
     }
-    ByteReader r(fixed, sizeof fixed);
+    ByteReader r(input(), kHeaderFixedPart);
+    consume(kHeaderFixedPart);
     Header& h = m.header;
     h.eyecatcher = r.i32();
     if (h.eyecatcher != kEyecatcher) {
@@ -116,25 +132,19 @@ bool Connection::readMessage(Message& m)
         bad(format("request type length %ld", typeLength));
         return false;
     }
-    if (!readHeaderRest(h, static_cast<size_t>(typeLength)))
-        return false;
-    m.payload.resize(static_cast<size_t>(h.payloadLength));
-    if (recvAll(fd_, m.payload.data(), m.payload.size()) < m.payload.size()) {
-        bad(format("truncated message: payload of %ld bytes announced", h.payloadLength));
-        return false;
-    }
-    return true;
+    return readHeaderRest(h, static_cast<size_t>(typeLength)) && readPayload(m);
 }
 
 // The request type, flags and payload length that follow the fixed part.
 bool Connection::readHeaderRest(Header& h, size_t typeLength)
 {
-    uint8_t rest[kMaxRequestTypeLength + 5];
     const size_t want = typeLength + 5;
-    if (recvAll(fd_, rest, want) < want) {
+    if (fill(want) < want) {
         bad("truncated header");
         return false;
     }
+    const uint8_t* rest = input();
+    consume(want);
     h.requestType.assign(reinterpret_cast<const char*>(rest), typeLength);
     ByteReader r(rest + typeLength, 5);
     h.flags = r.u8();
@@ -144,6 +154,38 @@ bool Connection::readHeaderRest(Header& h, size_t typeLength)
         return false;
     }
     return true;
+}
+
+bool Connection::readPayload(Message& m)
+{
+    const size_t n = static_cast<size_t>(m.header.payloadLength);
+    m.payload.resize(n);
+    const size_t buffered = std::min(fill(std::min(n, in_.size())), n);
+    std::copy(input(), input() + buffered, m.payload.data());
+    consume(buffered);
+    if (buffered < n)
+        flushHeld();
+    if (buffered < n && recvAll(fd_, m.payload.data() + buffered, n - buffered) < n - buffered) {
+        bad(format("truncated message: payload of %ld bytes announced", m.header.payloadLength));
+        return false;
+    }
+    return true;
+}
+
+// Receives until at least n (at most the buffer's size) bytes are buffered;
+// returns how many are, fewer than n only at the end of the stream or on an error.
+size_t Connection::fill(size_t n)
+{
+    if (inEnd_ - inBegin_ >= n)
+        return inEnd_ - inBegin_;
+    if (inBegin_ + n > in_.size()) {
+        std::copy(in_.begin() + inBegin_, in_.begin() + inEnd_, in_.begin());
+        inEnd_ -= inBegin_;
+        inBegin_ = 0;
+    }
+    flushHeld();
+    inEnd_ += recvAtLeast(fd_, in_.data() + inEnd_, n - (inEnd_ - inBegin_), in_.size() - inEnd_);
+    return inEnd_ - inBegin_;
 }
 
 bool Connection::dispatch(const Message& m)
@@ -219,7 +261,7 @@ void Connection::perform(const Message& m, const EciRequest& q, const Outcome& o
 {
     const int32_t id = m.header.messageId;
     Bytes answer = encodeEciReply(id, o.reply);
-    std::string result = format("rc %ld", o.reply.returnCode);
+    std::string result = "rc " + std::to_string(o.reply.returnCode);
     switch (o.action) {
     case Action::Reply:
         reply(answer);
@@ -330,8 +372,34 @@ void Connection::sendPartAndClose(const Bytes& message, size_t length)
     closeWritesLocked();
 }
 
-// Write mutex held on entry.
+// Write mutex held on entry. The reader thread's writes are held back until
+// it waits for input (fill), so that one write carries the replies to all the
+// requests a client pipelined; every other writer sends them first.
 bool Connection::writeLocked(const uint8_t* data, size_t length)
+{
+    if (std::this_thread::get_id() == reader_ && !writesClosed_) {
+        held_.insert(held_.end(), data, data + length);
+        return held_.size() < kHeldLimit || flushLocked();
+    }
+    return flushLocked() && sendLocked(data, length);
+}
+
+// Write mutex held on entry.
+bool Connection::flushLocked()
+{
+    const bool sent = sendLocked(held_.data(), held_.size());
+    held_.clear();
+    return sent;
+}
+
+void Connection::flushHeld()
+{
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    flushLocked();
+}
+
+// Write mutex held on entry.
+bool Connection::sendLocked(const uint8_t* data, size_t length)
 {
     while (length > 0 && !writesClosed_) {
         const ssize_t w = ::send(fd_, data, length, MSG_NOSIGNAL);
@@ -351,6 +419,7 @@ bool Connection::writeLocked(const uint8_t* data, size_t length)
 // Write mutex held on entry.
 void Connection::closeWritesLocked()
 {
+    flushLocked();
     if (writesClosed_)
         return;
     writesClosed_ = true;
@@ -370,6 +439,7 @@ void Connection::abort()
     ::shutdown(fd_, SHUT_RDWR);
     std::lock_guard<std::mutex> lock(writeMutex_);
     writesClosed_ = true;
+    held_.clear();
 }
 
 // Reads and drops what the client still sends until it closes its side, so

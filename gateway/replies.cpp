@@ -50,6 +50,7 @@ void writeTime(ByteWriter& w, const EsiTime& t)
 Bytes encodeEciReply(int32_t messageId, const EciReply& reply)
 {
     ByteWriter w;
+    w.reserve(31 + reply.data.size());  // all but a channel
     w.i32(reply.kind);
     w.i32(reply.luwToken);
     w.i32(0);

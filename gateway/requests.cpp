@@ -1,5 +1,7 @@
 #include "requests.h"
 
+#include <cstring>
+
 namespace zepgw {
 
 namespace {
@@ -27,11 +29,6 @@ std::string readPassword(ByteReader& r, int32_t length)
     if (!readCounted(r, length, scrambled))
         return std::string();
     return unscramble(scrambled.data(), scrambled.size());
-}
-
-std::string upToNul(const std::string& field)
-{
-    return field.substr(0, field.find('\0'));
 }
 
 bool readContainer(ByteReader& r, Container& c)
@@ -80,7 +77,9 @@ void readProgramCall(ByteReader& r, EciRequest& q)
         return;
     }
     q.systemName = readField(r, 8);
-    q.userid = upToNul(readField(r, 16));
+    char userid[16] = {};  // on the stack: most requests carry no user at all
+    r.bytes(userid, sizeof userid);
+    q.userid.assign(userid, strnlen(userid, sizeof userid));
     q.password = readPassword(r, r.i32());
     q.program = readField(r, 8);
     q.transid = readField(r, 4);

@@ -6,17 +6,16 @@ namespace zepgw {
 
 void ByteWriter::i16(int32_t v)
 {
-    out_.push_back(static_cast<uint8_t>(v >> 8));
-    out_.push_back(static_cast<uint8_t>(v));
+    const uint8_t b[2] = {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+    bytes(b, sizeof b);
 }
 
 void ByteWriter::i32(int32_t v)
 {
     const uint32_t u = static_cast<uint32_t>(v);
-    out_.push_back(static_cast<uint8_t>(u >> 24));
-    out_.push_back(static_cast<uint8_t>(u >> 16));
-    out_.push_back(static_cast<uint8_t>(u >> 8));
-    out_.push_back(static_cast<uint8_t>(u));
+    const uint8_t b[4] = {static_cast<uint8_t>(u >> 24), static_cast<uint8_t>(u >> 16),
+                          static_cast<uint8_t>(u >> 8), static_cast<uint8_t>(u)};
+    bytes(b, sizeof b);
 }
 
 void ByteWriter::bytes(const void* data, size_t n)
@@ -90,6 +89,7 @@ bool ByteReader::skip(size_t n)
 Bytes encodeMessage(Header header, const Bytes& payload)
 {
     ByteWriter w;
+    w.reserve(kHeaderFixedPart + header.requestType.size() + 5 + payload.size());
     w.i32(header.eyecatcher);
     w.i32(header.version);
     w.i32(header.flowType);

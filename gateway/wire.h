@@ -55,6 +55,8 @@ public:
     void bytes(const Bytes& b) { bytes(b.data(), b.size()); }
     void text(const std::string& s) { bytes(s.data(), s.size()); }
     void fill(uint8_t v, size_t n) { out_.insert(out_.end(), n, v); }
+    // Room for n more bytes, so that a message is built without reallocations.
+    void reserve(size_t n) { out_.reserve(out_.size() + n); }
     size_t size() const { return out_.size(); }
     Bytes take() { return std::move(out_); }
 

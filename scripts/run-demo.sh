@@ -13,36 +13,8 @@ for program in "$zepgw" "$demo"; do
     fi
 done
 
-workdir=$(mktemp -d "${TMPDIR:-/tmp}/zepdemo.XXXXXX") || exit 2
-gwpid=
-cleanup() {
-    if [ -n "$gwpid" ]; then
-        kill "$gwpid" 2>/dev/null
-        wait "$gwpid" 2>/dev/null
-    fi
-    rm -rf "$workdir"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
-"$zepgw" --port 0 >"$workdir/port" 2>"$workdir/zepgw.log" &
-gwpid=$!
-
-# zepgw prints the port it chose as its first line; give up after 10 seconds.
-port=
-tries=0
-while [ -z "$port" ] && [ $tries -lt 100 ]; do
-    if ! kill -0 "$gwpid" 2>/dev/null; then break; fi
-    # A complete first line only.
-    [ "$(wc -l <"$workdir/port")" -ge 1 ] && port=$(head -n 1 "$workdir/port")
-    [ -n "$port" ] || { sleep 0.1; tries=$((tries + 1)); }
-done
-case "$port" in
-    ''|*[!0-9]*)
-        echo "run-demo: zepgw did not report its port" >&2
-        cat "$workdir/zepgw.log" >&2
-        exit 1 ;;
-esac
+. "$(dirname "$0")/zepgw-start.sh"
+start_zepgw "$zepgw" zepdemo run-demo || exit 1
 
 echo "zepgw listens on port $port (pid $gwpid)"
 echo
