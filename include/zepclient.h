@@ -24,7 +24,7 @@
  *     ZEP_ESI_verifyPassword(), ZEP_ESI_changePassword(), ZEP_listSystems()) waits **without a limit**
  *     until the reply comes or the connection ends. EciParms::eci_timeout is sent to the Gateway, which
  *     enforces it; the library does not. A Gateway that never answers holds the caller until the
- *     connection is closed from another thread or fails.
+ *     connection fails or another thread purges it (ZEP_purgeGatewayConnection()).
  *   - ::ECI_GET_REPLY_WAIT and ::ECI_GET_SPECIFIC_REPLY_WAIT wait without a limit for a reply, the end of
  *     the connection, or its closing.
  *   - ZEP_closeGatewayConnection() waits **without a limit** for outstanding work: every call in progress
