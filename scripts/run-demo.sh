@@ -41,10 +41,10 @@ trap 'exit 129' HUP
 "$zepgw" --port 0 -v >"$workdir/port" 2>"$workdir/zepgw.log" &
 gwpid=$!
 
-# zepgw prints the port it chose as its first line; only a complete line counts.
+# zepgw prints the port it chose as its first line; read succeeds only once that line is complete.
 port=
 deadline=$((SECONDS + port_wait))
-until IFS= read -r port <"$workdir/port" && [ -n "$port" ] && [ "$(wc -l <"$workdir/port")" -ge 1 ]; do
+until IFS= read -r port <"$workdir/port" && [ -n "$port" ]; do
     kill -0 "$gwpid" 2>/dev/null || fail "zepgw ended before it reported its port"
     [ "$SECONDS" -lt "$deadline" ] || fail "zepgw did not report its port within $port_wait seconds"
     sleep 0.05
