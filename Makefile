@@ -1,35 +1,47 @@
-# The front door: `make` builds both flavours, `make test` runs every test in both, `make demo` shows it working.
+# The front door: `make` builds both flavours, `make test` runs every test in both, `make demo` shows it working,
+# `make install PREFIX=...` installs both flavours, `make docs` builds the HTML reference.
+# Each target installs the build tools it is missing first (scripts/ensure-deps.sh).
 JOBS      ?= 2
 FLAVOURS  := 32 64
+PREFIX    ?= /usr/local
+export JOBS
 
-.PHONY: all deps build test demo bench clean configure
+.PHONY: all deps build test demo bench install docs clean
 
 all: build
 
 deps:
-	@scripts/ensure-deps.sh
+	@scripts/ensure-deps.sh test
 
-configure: deps
-	@for f in $(FLAVOURS); do \
-	  [ -f build/$$f/CMakeCache.txt ] || cmake -S . -B build/$$f $$( [ $$f = 32 ] && echo -DZEP_M32=ON ) >/dev/null || exit 1; \
-	done
-
-build: configure
-	@for f in $(FLAVOURS); do cmake --build build/$$f -j$(JOBS) || exit 1; done
+build: deps
+	@for f in $(FLAVOURS); do scripts/build.sh $$f || exit 1; done
 
 test: build
-	@for f in $(FLAVOURS); do \
-	  echo "== $$f-bit flavour =="; \
-	  ctest --test-dir build/$$f --output-on-failure -j$(JOBS) || exit 1; \
-	done
+	@scripts/run-tests.sh $(FLAVOURS)
 
-demo: build
+# Only what the demo needs: the 64-bit library, zepgw and the demo.
+demo:
+	@scripts/ensure-deps.sh demo
+	@scripts/build.sh 64 zepclient zepgw demo
 	@scripts/run-demo.sh build/64
 
 # Not part of test: a few minutes of measurement on the 64-bit build (BENCH_QUICK=1 for a short run).
-bench: configure
-	@cmake --build build/64 -j$(JOBS) --target zepgw raw_client zepbench
+bench: deps
+	@scripts/build.sh 64 zepgw raw_client zepbench cpp_overhead
 	@scripts/bench.sh build/64
+
+# Both flavours under one prefix: each library in its own multiarch folder, the 64-bit programs in bin/.
+install: build
+	@for component in runtime development; do \
+	  cmake --install build/32 --prefix "$(PREFIX)" --component $$component || exit 1; \
+	done
+	@cmake --install build/64 --prefix "$(PREFIX)"
+
+docs:
+	@scripts/ensure-deps.sh docs
+	@mkdir -p build/docs
+	@doxygen docs/Doxyfile
+	@echo "The reference is in build/docs/html/index.html"
 
 clean:
 	rm -rf build

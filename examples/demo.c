@@ -19,7 +19,7 @@ static int failures;
 /* Reports a failed call with its return code's name; returns 1 when the call worked. */
 static int check(const char* what, int rc)
 {
-    char name[40];
+    char name[ZEP_RC_STRING_LENGTH];
     if (rc == 0) return 1;
     printf("  FAILED: %s returned %d (%s)\n", what, rc, ZEP_getRcString(rc, name));
     failures++;
@@ -38,7 +38,7 @@ static void setField(char* field, size_t width, const char* text)
 static void prepareCall(EciParms* parms, short callType, const char* program, char* commarea, short length)
 {
     memset(parms, 0, sizeof *parms);
-    parms->eci_version = 6;   /* asynchronous calls need version 6 */
+    parms->eci_version = ECI_VERSION_ASYNC;   /* every call type but ECI_SYNC needs it */
     parms->eci_call_type = callType;
     setField(parms->eci_program_name, sizeof parms->eci_program_name, program);
     parms->eci_commarea = commarea;

@@ -1,30 +1,46 @@
 #!/usr/bin/env bash
-# Makes sure the build tools are here: g++ with 32-bit multilib support, cmake, and the GoogleTest sources
-# (built from source for each flavour). As root it installs what is missing; otherwise it prints the command.
+# Makes sure the tools a make target needs are here: ensure-deps.sh [demo|test|install|docs].
+#   demo     g++, cmake and make: enough to build the 64-bit library, zepgw and the demo
+#   test     also 32-bit multilib support and the GoogleTest sources (built for each flavour); the default
+#   install  also pkg-config, which the installed files are checked with
+#   docs     doxygen, for the HTML reference
+# As root it installs what is missing and says so; otherwise it prints the command.
 set -euo pipefail
 
+need=${1:-test}
 missing=()
-command -v cmake >/dev/null 2>&1 || missing+=(cmake)
-command -v g++ >/dev/null 2>&1 || missing+=(g++)
-command -v make >/dev/null 2>&1 || missing+=(make)
-[ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
-probe_dir=$(mktemp -d)
-trap 'rm -rf "$probe_dir"' EXIT
-echo 'int main(void) { return 0; }' > "$probe_dir/probe.c"
-if ! gcc -m32 "$probe_dir/probe.c" -o "$probe_dir/probe" >/dev/null 2>&1 ||
-   ! g++ -m32 -x c++ "$probe_dir/probe.c" -o "$probe_dir/probe" >/dev/null 2>&1; then
-  missing+=(g++-multilib)
+have() { command -v "$1" >/dev/null 2>&1; }
+
+if [ "$need" = docs ]; then
+    have doxygen || missing+=(doxygen)
+else
+    have cmake || missing+=(cmake)
+    have g++ || missing+=(g++)
+    have make || missing+=(make)
+fi
+if [ "$need" = test ] || [ "$need" = install ]; then
+    [ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
+    probe_dir=$(mktemp -d)
+    trap 'rm -rf "$probe_dir"' EXIT
+    echo 'int main(void) { return 0; }' > "$probe_dir/probe.c"
+    if ! gcc -m32 "$probe_dir/probe.c" -o "$probe_dir/probe" >/dev/null 2>&1 ||
+       ! g++ -m32 -x c++ "$probe_dir/probe.c" -o "$probe_dir/probe" >/dev/null 2>&1; then
+        missing+=(g++-multilib)
+    fi
+fi
+if [ "$need" = install ]; then
+    have pkg-config || missing+=(pkg-config)
 fi
 
 [ ${#missing[@]} -eq 0 ] && exit 0
 
 command_line="apt-get update && apt-get install -y ${missing[*]}"
 if [ "$(id -u)" -ne 0 ]; then
-  echo "zepclient needs: ${missing[*]}. Install them as root with:" >&2
-  echo "  $command_line" >&2
-  exit 1
+    echo "zepclient needs: ${missing[*]}. Install them as root with:" >&2
+    echo "  $command_line" >&2
+    exit 1
 fi
-echo "zepclient: installing missing build dependencies: ${missing[*]}"
+echo "zepclient: installing missing dependencies for make $need: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
-apt-get install -y -qq "${missing[@]}"
+apt-get install -y -qq "${missing[@]}" >/dev/null

@@ -17,7 +17,6 @@ extern "C" {
 CLAPI_MODULE_VERSION(clapi_eci);
 }
 
-#define ECI_MAX_VERSION       6
 #define ECI_CREDENTIAL_LEN    16
 #define ECI_EXTEND_LUW        1
 #define ECI_EXTEND_COMMIT     2
@@ -77,7 +76,7 @@ static int checkCallShape(const EciParms* parms, int minVersion)
 {
     const void* block = parms;
     int version = parms->eci_version;
-    if (minVersion > version || version > ECI_MAX_VERSION) {
+    if (minVersion > version || version > ECI_VERSION_MAX) {
         TRACE_EXC(1549, "clapi_eci.verifyEciParms() Invalid ECI Version, EciParms=%p, eci_version=%d\n", block, version);
         return ECI_ERR_INVALID_VERSION;
     }
@@ -88,7 +87,7 @@ static int checkCallShape(const EciParms* parms, int minVersion)
     }
     TRACE_DEBUG(1551, "clapi_eci.verifyEciParms() Call type is %s\n", getCallTypeString(callType));
     /* Asynchronous work is offered to version-6 blocks only. */
-    if (callType != ECI_SYNC && version < ECI_MAX_VERSION) {
+    if (callType != ECI_SYNC && version < ECI_VERSION_ASYNC) {
         TRACE_EXC(1552, "clapi_eci.verifyEciParms() Invalid ECI Version, EciParms=%p, eci_version=%d\n", block, version);
         return ECI_ERR_INVALID_VERSION;
     }
@@ -306,7 +305,7 @@ static void fillRequest(EciRequest* request, const EciParms* parms)
 /* Version 5 switched the credentials from the fixed fields to the pointer fields. */
 static void chooseCredentials(EciRequest* request, const EciParms* parms, EciCredentials* copies)
 {
-    if (parms->eci_version > 4) {
+    if (parms->eci_version >= ECI_VERSION_CREDENTIAL_PTRS) {
         TRACE_DEBUG(1521, "clapi_eci.performEciExecute() eci_version set to %d, using eci_userid_ptr and eci_password_ptr\n",
                     parms->eci_version);
         request->userid = parms->eci_userid_ptr;
@@ -688,13 +687,13 @@ typedef struct EciEntryPoint {
 } EciEntryPoint;
 
 static const EciEntryPoint commareaEntry = {
-    "ZEP_ECI_Execute", 3, false, 1500, 1501, 1502, 1503, 1504, 1563, 1505, 1506,
+    "ZEP_ECI_Execute", ECI_VERSION_MIN_COMMAREA, false, 1500, 1501, 1502, 1503, 1504, 1563, 1505, 1506,
     "API.ZEP_ECI_Execute() EciParms=%p len=%d stopword=%8.8X\n",
     "API.ZEP_ECI_Execute EciParms=%p len=%d stopword=%8.8X\n",
 };
 
 static const EciEntryPoint channelEntry = {
-    "ZEP_ECI_Execute_Channel", 4, true, 1507, 1508, 1509, 1512, 1513, 1565, 1515, 1516,
+    "ZEP_ECI_Execute_Channel", ECI_VERSION_MIN_CHANNEL, true, 1507, 1508, 1509, 1512, 1513, 1565, 1515, 1516,
     "API.ZEP_ECI_Execute_Channel() EciParms=%p len=%d stopword=%8.8X\n",
     "API.ZEP_ECI_Execute_Channel() EciParms=%p len=%d stopword=%8.8X\n",
 };

@@ -8,7 +8,7 @@
 extern "C" {
 #endif
 
-#define RC_STRING_LEN       40
+#define RC_STRING_LEN       ZEP_RC_STRING_LENGTH   /* the caller's name buffer */
 
 extern uint32_t  clapiState;
 extern int32_t   clapiInitRc;
