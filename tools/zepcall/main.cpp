@@ -58,9 +58,9 @@ int main(int argc, char** argv)
     } catch (const LocalError& e) {
         std::fprintf(stderr, "zepcall: %s\n", e.what());
         return kExitLocal;
-    } catch (const LibraryError& e) {
-        std::fprintf(stderr, "%s\n", failureMessage(e.rc(), contextFor(inv)).c_str());
-        return exitStatusFor(e.rc());
+    } catch (const zep::Error& e) {
+        std::fprintf(stderr, "%s\n", failureMessage(e.code().value(), contextFor(inv)).c_str());
+        return exitStatusFor(e.code().value());
     } catch (const std::exception& e) {
         std::fprintf(stderr, "zepcall: %s\n", e.what());
         return kExitLocal;
