@@ -133,7 +133,9 @@ void callAsynchronously(const Caller& caller, int inFlight, Run& run, LatencyHis
     for (;;) {
         while (static_cast<int>(outstanding.size()) < inFlight && run.claim()) {
             Request request{{}, Clock::now()};
-            int rc = rcOf([&] { request.reply = caller.connection.callAsync(caller.program, caller.data, caller.options); });
+            int rc = rcOf([&] {
+                request.reply = caller.connection.callAsync(caller.program, caller.data, caller.options);
+            });
             if (rc == 0)
                 outstanding.push_back(std::move(request));
             else

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -42,7 +43,7 @@ zep::CallOptions callOptionsFor(const CallOptions& call, const std::string& pass
 struct Outcome {
     int rc = 0;
     std::string abendCode;
-    int32_t luwToken = 0;
+    std::int32_t luwToken = 0;
     std::string reply;
 };
 
@@ -159,7 +160,8 @@ std::string callJson(const CallOptions& options, const Outcome& outcome, double 
                      const std::string& data)
 {
     return "{\"program\":" + jsonString(options.program) + ",\"rc\":" + std::to_string(outcome.rc) +
-           ",\"rc_name\":" + jsonString(zep::category().message(outcome.rc)) + ",\"abend_code\":" + jsonString(outcome.abendCode) +
+           ",\"rc_name\":" + jsonString(zep::category().message(outcome.rc)) +
+           ",\"abend_code\":" + jsonString(outcome.abendCode) +
            ",\"luw_token\":" + std::to_string(outcome.luwToken) + ",\"time_ms\":" + threeDecimals(milliseconds) +
            data + "}\n";
 }

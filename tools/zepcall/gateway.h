@@ -24,6 +24,7 @@ inline zep::Connection connect(const Endpoint& endpoint)
 }
 
 std::string libraryVersion();  // "9.1.0.4 (API 2.3.0.0)"
-void setTrace(int level, const std::string& file);  // level -1 and an empty file leave a setting alone; throws zep::Error
+// Level -1 and an empty file leave a setting alone. Throws zep::Error.
+void setTrace(int level, const std::string& file);
 
 }  // namespace zepcall
