@@ -9,16 +9,16 @@
 # library/raw, and the spread (max - min) / median of each side. Then the
 # C++ interface against the C call (cpp_overhead) and the memory figures.
 # --quick (or BENCH_QUICK=1) runs 2 repetitions of 0.5 s, 100,000 calls for
-# the heap growth and 5 C/C++ rounds of 1000 calls (else 21 of 2000).
+# the heap growth and 9 C/C++ rounds of 1000 calls (else 21 of 2000).
 # --raw FILE keeps every result line; --zepgw PATH measures against another
 # zepgw binary than the build's.
 set -u
 
 reps=5 seconds=1 calls=1000000 cpprounds="21 2000" rawfile= zepgw=
-[ "${BENCH_QUICK:-0}" = 1 ] && { reps=2 seconds=0.5 calls=100000 cpprounds="5 1000"; }
+[ "${BENCH_QUICK:-0}" = 1 ] && { reps=2 seconds=0.5 calls=100000 cpprounds="9 1000"; }
 while [ $# -gt 0 ]; do
     case "$1" in
-        --quick) reps=2 seconds=0.5 calls=100000 cpprounds="5 1000" ;;
+        --quick) reps=2 seconds=0.5 calls=100000 cpprounds="9 1000" ;;
         --raw) rawfile=${2:?--raw needs a file}; shift ;;
         --zepgw) zepgw=${2:?--zepgw needs a path}; shift ;;
         --help) sed -n '2,15p' "$0" | cut -c3-; exit 0 ;;
