@@ -1,5 +1,5 @@
-// Where zepcall finds the Gateway, and the few library settings that only the C interface offers (the
-// library's version and its process-wide trace). Every call to a Gateway goes through zepclient.hpp.
+// Where zepcall finds the Gateway, and the library's version, which only the C interface tells. Every
+// call to the library otherwise goes through zepclient.hpp.
 #pragma once
 
 #include <chrono>
@@ -24,7 +24,5 @@ inline zep::Connection connect(const Endpoint& endpoint)
 }
 
 std::string libraryVersion();  // "9.1.0.4 (API 2.3.0.0)"
-// Level -1 and an empty file leave a setting alone. Throws zep::Error.
-void setTrace(int level, const std::string& file);
 
 }  // namespace zepcall

@@ -26,7 +26,10 @@ int run(const Invocation& inv)
         std::printf("zepcall %s\nzepclient library %s\n", ZEPCALL_VERSION, libraryVersion().c_str());
         return kExitOk;
     }
-    setTrace(inv.traceLevel, inv.traceFile);
+    if (!inv.traceFile.empty())
+        zep::setTraceFile(inv.traceFile);
+    if (inv.traceLevel >= 0)
+        zep::setTraceLevel(inv.traceLevel);
     switch (inv.command) {
     case Command::Call: return runCall(inv);
     case Command::Systems: return runSystems(inv);
