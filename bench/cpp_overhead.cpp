@@ -1,8 +1,9 @@
 // What the C++ interface costs over the C call: synchronous ECHO calls with a 64-byte COMMAREA on one
 // connection to zepgw, made in alternating rounds through ZEP_ECI_Execute and through zep::Connection::call,
-// so that both see the same machine load. Prints both rates and the ratio C++/C (the goal is 0.98 or more).
+// so that both see the same machine load. Prints one line for scripts/bench.sh: both rates and the ratio
+// C++/C (the goal is 0.98 or more), as the median of the rounds and over all calls.
 //
-//     cpp_overhead [rounds] [calls per round]
+//     cpp_overhead [--port P] [rounds] [calls per round]     (without --port it starts a zepgw of its own)
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -54,15 +55,24 @@ double median(std::vector<double> values)
 
 int main(int argc, char** argv)
 {
+    int port = 0;
+    if (argc > 2 && std::strcmp(argv[1], "--port") == 0) {
+        port = std::atoi(argv[2]);
+        argv += 2;
+        argc -= 2;
+    }
     const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 21;
     const long calls = argc > 2 ? std::max(1L, std::atol(argv[2])) : 2000;
     ZepgwProcess gw;
-    if (!gw.start()) {
-        std::fprintf(stderr, "cpp_overhead: zepgw did not start\n");
-        return 1;
+    if (port == 0) {
+        if (!gw.start()) {
+            std::fprintf(stderr, "cpp_overhead: zepgw did not start\n");
+            return 1;
+        }
+        port = gw.port();
     }
     try {
-        zep::Connection conn{"127.0.0.1", gw.port()};
+        zep::Connection conn{"127.0.0.1", port};
         char area[64];
         std::memset(area, 'b', sizeof area);
         long failures = 0;
@@ -77,12 +87,8 @@ int main(int argc, char** argv)
             ratios.push_back(c / cpp);
         }
         const double total = static_cast<double>(calls) * rounds;
-        std::printf("synchronous ECHO calls, 64-byte COMMAREA, one connection, %d alternating rounds of %ld calls\n",
-                    rounds, calls);
-        std::printf("  C   ZEP_ECI_Execute       %10.0f calls/second\n", total / cSeconds);
-        std::printf("  C++ zep::Connection::call %10.0f calls/second\n", total / cppSeconds);
-        std::printf("  ratio C++/C: %.3f (median of the rounds), %.3f (all calls); goal >= 0.98\n", median(ratios),
-                    cSeconds / cppSeconds);
+        std::printf("cpp_overhead rounds=%d calls=%ld c_rate=%.0f cpp_rate=%.0f ratio=%.3f ratio_all=%.3f\n", rounds,
+                    calls, total / cSeconds, total / cppSeconds, median(ratios), cSeconds / cppSeconds);
         if (failures != 0) {
             std::fprintf(stderr, "cpp_overhead: %ld calls failed\n", failures);
             return 1;

@@ -113,6 +113,29 @@ private:
     char abend_[5] = {};
 };
 
+/**
+ * @brief Sets the level of the library's trace, for the whole process (as ZEP_setAPITraceLevel).
+ * @param level 0 (off) to 5: 1 exceptions, 2 events, 3 entry and exit, 4 and 5 debug records and data dumps
+ * @throws Error ZEP_ERR_TRACELEVEL for a level out of range; the level stays as it was.
+ */
+inline void setTraceLevel(int level)
+{
+    const int rc = ZEP_setAPITraceLevel(level);
+    if (rc != 0) throw Error(rc, "setting the trace level to " + std::to_string(level));
+}
+
+/**
+ * @brief Appends the library's trace, for the whole process, to a file (as ZEP_setAPITraceFile).
+ * @param path the file, created when missing; empty: standard error again
+ * @throws Error ZEP_ERR_TRACEFILE when the file cannot be opened for appending; the trace stays where it was.
+ */
+inline void setTraceFile(std::string_view path)
+{
+    const std::string text(path);
+    const int rc = ZEP_setAPITraceFile(path.empty() ? nullptr : text.c_str());
+    if (rc != 0) throw Error(rc, "sending the trace to " + (path.empty() ? std::string("standard error") : text));
+}
+
 /// Unit-of-work control of a program call.
 enum class ExtendMode : std::int16_t {
     none = 0,      ///< a call on its own, or the last call of an open unit of work

@@ -7,27 +7,29 @@
 # alternately, REPS times each, first with default scheduling, then with zepgw
 # and both clients pinned to CPU 0. The table shows medians, the ratio
 # library/raw, and the spread (max - min) / median of each side. Then the
-# memory figures. --quick (or BENCH_QUICK=1) runs 2 repetitions of 0.5 s and
-# 100,000 calls for the heap growth. --raw FILE keeps every result line;
-# --zepgw PATH measures against another zepgw binary than the build's.
+# C++ interface against the C call (cpp_overhead) and the memory figures.
+# --quick (or BENCH_QUICK=1) runs 2 repetitions of 0.5 s, 100,000 calls for
+# the heap growth and 9 C/C++ rounds of 1000 calls (else 21 of 2000).
+# --raw FILE keeps every result line; --zepgw PATH measures against another
+# zepgw binary than the build's.
 set -u
 
-reps=5 seconds=1 calls=1000000 rawfile= zepgw=
-[ "${BENCH_QUICK:-0}" = 1 ] && { reps=2 seconds=0.5 calls=100000; }
+reps=5 seconds=1 calls=1000000 cpprounds="21 2000" rawfile= zepgw=
+[ "${BENCH_QUICK:-0}" = 1 ] && { reps=2 seconds=0.5 calls=100000 cpprounds="9 1000"; }
 while [ $# -gt 0 ]; do
     case "$1" in
-        --quick) reps=2 seconds=0.5 calls=100000 ;;
+        --quick) reps=2 seconds=0.5 calls=100000 cpprounds="9 1000" ;;
         --raw) rawfile=${2:?--raw needs a file}; shift ;;
         --zepgw) zepgw=${2:?--zepgw needs a path}; shift ;;
-        --help) sed -n '2,13p' "$0" | cut -c3-; exit 0 ;;
+        --help) sed -n '2,15p' "$0" | cut -c3-; exit 0 ;;
         -*) echo "bench: unknown option '$1' (see scripts/bench.sh --help)" >&2; exit 2 ;;
         *) break ;;
     esac
     shift
 done
 build=${1:-build/64}
-zepgw=${zepgw:-$build/zepgw} raw="$build/bench/raw_client" lib="$build/bench/zepbench"
-for program in "$zepgw" "$raw" "$lib"; do
+zepgw=${zepgw:-$build/zepgw} raw="$build/bench/raw_client" lib="$build/bench/zepbench" cpp="$build/bench/cpp_overhead"
+for program in "$zepgw" "$raw" "$lib" "$cpp"; do
     [ -x "$program" ] || { echo "bench: $program is missing; run make first" >&2; exit 2; }
 done
 
@@ -112,6 +114,23 @@ table() {
         }' "$workdir/results"
 }
 
+# One line: the C++ interface's zep::Connection::call against ZEP_ECI_Execute, alternating rounds.
+cpp_overhead() {
+    # shellcheck disable=SC2086  # cpprounds are two words
+    if ! line=$("$cpp" --port "$port" $cpprounds 2>"$workdir/err"); then
+        echo "bench: cpp_overhead failed:" >&2
+        cat "$workdir/err" >&2
+        exit 1
+    fi
+    [ -z "$rawfile" ] || echo "$line" >>"$rawfile"
+    echo "$line" | awk '
+        function field(key,   i) { for (i = 2; i <= NF; i++) if (index($i, key "=") == 1) return substr($i, length(key) + 2) }
+        {
+            printf "C++ call against C call, sync 64 B, 1 thread (%s x %s calls per side): C %.0f, C++ %.0f calls/s, C++/C %s (median of rounds), %s (all calls); goal >= 0.98\n",
+                field("rounds"), field("calls"), field("c_rate"), field("cpp_rate"), field("ratio"), field("ratio_all")
+        }'
+}
+
 memory() {
     if ! "$lib" --port "$port" --workload idle --connections 200 --workload growth --calls "$calls" \
         >"$workdir/memory" 2>"$workdir/err"; then
@@ -135,6 +154,7 @@ echo "zepclient benchmark: $(date -u '+%Y-%m-%d %H:%M UTC'), $zepgw, $(nproc) CP
 : >"$workdir/results"
 measure default "" || exit 1
 table default
+cpp_overhead
 echo
 memory
 taskset -a -p -c 0 "$gwpid" >/dev/null || { echo "bench: cannot pin zepgw to CPU 0" >&2; exit 1; }

@@ -56,6 +56,8 @@ TEST_F(Cpp, ErrorsCarryTheReturnCodeItsNameAndTheAbendCode)
         {[&] { conn.call("PROGRAM99", "x"); }, ECI_ERR_INVALID_NAME, "ECI_ERR_INVALID_NAME", ""},
         {[&] { conn.call("ECHO", std::string(32768, 'x')); }, ECI_ERR_INVALID_DATA_LENGTH, "ECI_ERR_INVALID_DATA_LENGTH", ""},
         {[&] { conn.purge(3601s); }, ZEP_ERR_INVALIDTIMEOUTPARM, "ZEP_ERR_INVALIDTIMEOUTPARM", ""},
+        {[&] { zep::setTraceLevel(6); }, ZEP_ERR_TRACELEVEL, "ZEP_ERR_TRACELEVEL", ""},
+        {[&] { zep::setTraceFile("/nonexistent/dir/trace"); }, ZEP_ERR_TRACEFILE, "ZEP_ERR_TRACEFILE", ""},
         {[&] { conn.verifyPassword("ZEPUSER", "WRONG"); }, ESI_ERR_PASSWORD_INVALID, "ESI_ERR_PASSWORD_INVALID", ""},
         {[&] { conn.verifyPassword("EXPIRED", "OLDPASS1"); }, ESI_ERR_PASSWORD_EXPIRED, "ESI_ERR_PASSWORD_EXPIRED", ""},
         {[&] { ch.get("MISSING"); }, ECI_ERR_CONTAINER_NOTFOUND, "ECI_ERR_CONTAINER_NOTFOUND", ""},

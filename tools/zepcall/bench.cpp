@@ -4,7 +4,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
-#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -84,21 +83,39 @@ uint64_t nanosecondsSince(Clock::time_point start)
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
 }
 
-std::vector<unsigned char> payload(int size)
+std::string payload(int size)
 {
-    std::vector<unsigned char> data(static_cast<size_t>(size));
+    std::string data(static_cast<size_t>(size), '\0');
     for (size_t i = 0; i < data.size(); ++i)
-        data[i] = static_cast<unsigned char>('a' + i % 26);
+        data[i] = static_cast<char>('a' + i % 26);
     return data;
 }
 
-void callSynchronously(Connection& connection, const EciTarget& target, int size, Run& run,
-                       LatencyHistogram& latencies)
+// The return code a library call ended with.
+template <class Call>
+int rcOf(Call call)
 {
-    std::vector<unsigned char> commarea = payload(size);
+    try {
+        call();
+        return 0;
+    } catch (const zep::Error& e) {
+        return e.code().value();
+    }
+}
+
+// One thread's work: the connection it shares, and what it calls.
+struct Caller {
+    zep::Connection& connection;
+    const std::string& program;
+    const zep::CallOptions& options;
+    std::string data;
+};
+
+void callSynchronously(const Caller& caller, Run& run, LatencyHistogram& latencies)
+{
     while (run.claim()) {
         Clock::time_point start = Clock::now();
-        int rc = connection.call(target, commarea, commarea.size()).rc;
+        int rc = rcOf([&] { caller.connection.call(caller.program, caller.data, caller.options); });
         if (rc == 0)
             latencies.add(nanosecondsSince(start));
         run.record(rc);
@@ -106,29 +123,29 @@ void callSynchronously(Connection& connection, const EciTarget& target, int size
 }
 
 // Keeps `inFlight` requests outstanding and collects each reply by its message qualifier, oldest first.
-void callAsynchronously(Connection& connection, const EciTarget& target, int size, int inFlight, Run& run,
-                        LatencyHistogram& latencies)
+void callAsynchronously(const Caller& caller, int inFlight, Run& run, LatencyHistogram& latencies)
 {
     struct Request {
-        uint32_t qualifier;
+        zep::PendingReply reply;
         Clock::time_point start;
     };
     std::deque<Request> outstanding;
-    std::vector<unsigned char> commarea = payload(size);
     for (;;) {
         while (static_cast<int>(outstanding.size()) < inFlight && run.claim()) {
-            Request request{0, Clock::now()};
-            int rc = connection.start(target, commarea, request.qualifier);
+            Request request{{}, Clock::now()};
+            int rc = rcOf([&] {
+                request.reply = caller.connection.callAsync(caller.program, caller.data, caller.options);
+            });
             if (rc == 0)
-                outstanding.push_back(request);
+                outstanding.push_back(std::move(request));
             else
                 run.record(rc);
         }
         if (outstanding.empty())
             return;
-        Request oldest = outstanding.front();
+        Request oldest = std::move(outstanding.front());
         outstanding.pop_front();
-        int rc = connection.collect(oldest.qualifier, commarea);
+        int rc = rcOf([&] { oldest.reply.get(); });
         if (rc == 0)
             latencies.add(nanosecondsSince(oldest.start));
         run.record(rc);
@@ -173,12 +190,12 @@ void report(const Invocation& inv, const Run& run, const LatencyHistogram& laten
 int runBench(const Invocation& inv)
 {
     const BenchOptions& b = inv.bench;
-    std::vector<std::unique_ptr<Connection>> connections;
+    std::vector<zep::Connection> connections;
+    connections.reserve(static_cast<size_t>(b.connections));
     for (int i = 0; i < b.connections; ++i)
-        connections.push_back(std::make_unique<Connection>(inv.endpoint));
-    EciTarget target;
-    target.program = b.program;
-    target.timeout = inv.call.timeout;
+        connections.push_back(connect(inv.endpoint));
+    zep::CallOptions options;
+    options.timeout = std::chrono::seconds(inv.call.timeout);
 
     const int threadCount = b.connections * b.threads;
     Run run(b.calls == 0 && b.duration == 0 ? 1000 : b.calls, b.duration);
@@ -187,11 +204,11 @@ int runBench(const Invocation& inv)
     Clock::time_point start = Clock::now();
     for (int i = 0; i < threadCount; ++i) {
         threads.emplace_back([&, i] {
-            Connection& connection = *connections[static_cast<size_t>(i / b.threads)];
+            const Caller caller{connections[static_cast<size_t>(i / b.threads)], b.program, options, payload(b.size)};
             if (b.async > 0)
-                callAsynchronously(connection, target, b.size, b.async, run, latencies[static_cast<size_t>(i)]);
+                callAsynchronously(caller, b.async, run, latencies[static_cast<size_t>(i)]);
             else
-                callSynchronously(connection, target, b.size, run, latencies[static_cast<size_t>(i)]);
+                callSynchronously(caller, run, latencies[static_cast<size_t>(i)]);
             run.threadEnded();
         });
     }

@@ -1,13 +1,15 @@
 // call, systems, verify and change.
 #include "commands.h"
 
+#include <algorithm>
 #include <chrono>
-#include <cstdlib>
-#include <memory>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <iostream>
-
-#include <zepclient.h>  // return-code values only: the calls are in gateway.cpp
+#include <optional>
+#include <set>
 
 #include "gateway.h"
 #include "output.h"
@@ -19,21 +21,47 @@ namespace {
 
 constexpr size_t kMaxCommarea = 32767;
 
-// Wipes the secrets of a target when the command is done with it.
-struct TargetGuard {
-    EciTarget target;
-    ~TargetGuard() { wipe(target.password); }
+// A password, wiped when the command is done with it.
+struct Secret {
+    std::string text;
+    ~Secret() { wipe(text); }
 };
 
-void targetFor(const Invocation& inv, EciTarget& target)
+zep::CallOptions callOptionsFor(const CallOptions& call, const std::string& password)
 {
-    target.program = inv.call.program;
-    target.transid = inv.call.transid;
-    target.system = inv.call.system;
-    target.timeout = inv.call.timeout;
-    target.user = inv.call.user;
-    if (!target.user.empty())
-        target.password = password("ZEP_PASSWORD", "Password for " + target.user + ": ");
+    zep::CallOptions options;
+    options.transaction = call.transid;
+    options.system = call.system;
+    options.user = call.user;
+    options.password = password;
+    options.timeout = std::chrono::seconds(call.timeout);
+    options.commareaLength = call.length == -1 ? 0 : static_cast<size_t>(call.length);
+    return options;
+}
+
+// What a call ended with; a failed call leaves its COMMAREA as it was sent.
+struct Outcome {
+    int rc = 0;
+    std::string abendCode;
+    std::int32_t luwToken = 0;
+    std::string reply;
+};
+
+template <class Call>
+Outcome outcomeOf(Call call, std::string sent)
+{
+    Outcome outcome;
+    try {
+        zep::Reply reply = call();
+        outcome.abendCode = reply.abendCode();
+        outcome.luwToken = reply.luwToken();
+        outcome.reply = reply.data();
+    } catch (const zep::Error& e) {
+        outcome.rc = e.code().value();
+        outcome.abendCode = e.abendCode();
+        outcome.reply = std::move(sent);
+    }
+    return outcome;
 }
 
 std::string commareaData(const CallOptions& call)
@@ -53,13 +81,17 @@ std::string commareaData(const CallOptions& call)
     return data;
 }
 
-void putContainers(const CallOptions& call, ChannelData& channel)
+// Every --put makes a container of its own: a name given twice is a mistake, not a replacement.
+void putContainers(const CallOptions& call, zep::Channel& channel)
 {
+    std::set<std::string> names;
     for (const Put& put : call.puts) {
+        if (!names.insert(put.name).second)
+            throw zep::Error(ECI_ERR_CONTAINER_EXISTS, "container '" + put.name + "' was given twice");
         switch (put.kind) {
-        case Put::Text: channel.put(put.name, true, put.value); break;
-        case Put::File: channel.put(put.name, false, readFile(put.value)); break;
-        case Put::Hex: channel.put(put.name, false, parseHex(put.value, "--put-hex " + put.name)); break;
+        case Put::Text: channel.putText(put.name, put.value); break;
+        case Put::File: channel.put(put.name, readFile(put.value)); break;
+        case Put::Hex: channel.put(put.name, parseHex(put.value, "--put-hex " + put.name)); break;
         }
     }
 }
@@ -89,14 +121,14 @@ std::string shownData(std::string_view bytes, Shown shown, std::string_view dump
     return hexDump(bytes, dumpIndent);
 }
 
-std::string containersText(const std::vector<ContainerContent>& containers)
+std::string containersText(const zep::Channel& channel)
 {
     std::string out = "CONTAINER         TYPE  CCSID  LENGTH  DATA\n";
     char line[80];
-    for (const ContainerContent& c : containers) {
-        std::snprintf(line, sizeof line, "%-16s  %-4s  %5d  %6zu  ", c.name.c_str(), c.character ? "CHAR" : "BIT",
-                      c.ccsid, c.data.size());
-        std::string data = shownData(c.data, Shown::Container, "    ");
+    for (const zep::Container& c : channel) {
+        std::snprintf(line, sizeof line, "%-16.*s  %-4s  %5d  %6zu  ", static_cast<int>(c.name().size()),
+                      c.name().data(), c.isText() ? "CHAR" : "BIT", static_cast<int>(c.ccsid()), c.data().size());
+        std::string data = shownData(c.data(), Shown::Container, "    ");
         std::string row = line;
         if (data.empty() || data.rfind("    0x", 0) == 0)  // nothing, or a dump on the lines below
             row.erase(row.find_last_not_of(' ') + 1).append("\n");
@@ -105,13 +137,13 @@ std::string containersText(const std::vector<ContainerContent>& containers)
     return out;
 }
 
-std::string containersJson(const std::vector<ContainerContent>& containers)
+std::string containersJson(const zep::Channel& channel)
 {
     std::string out = "[";
-    for (const ContainerContent& c : containers) {
-        out += (out.size() > 1 ? "," : "") + std::string("{\"name\":") + jsonString(c.name) + ",\"type\":\"" +
-               (c.character ? "CHAR" : "BIT") + "\",\"ccsid\":" + std::to_string(c.ccsid) +
-               ",\"length\":" + std::to_string(c.data.size()) + "," + jsonData(c.data, Shown::Container) + "}";
+    for (const zep::Container& c : channel) {
+        out += (out.size() > 1 ? "," : "") + std::string("{\"name\":") + jsonString(c.name()) + ",\"type\":\"" +
+               (c.isText() ? "CHAR" : "BIT") + "\",\"ccsid\":" + std::to_string(c.ccsid()) +
+               ",\"length\":" + std::to_string(c.data().size()) + "," + jsonData(c.data(), Shown::Container) + "}";
     }
     return out + "]";
 }
@@ -124,30 +156,34 @@ std::string threeDecimals(double value)
 }
 
 // One JSON object: the outcome, then `data` (the COMMAREA's or the channel's members).
-std::string callJson(const CallOptions& options, const EciOutcome& outcome, double milliseconds,
+std::string callJson(const CallOptions& options, const Outcome& outcome, double milliseconds,
                      const std::string& data)
 {
     return "{\"program\":" + jsonString(options.program) + ",\"rc\":" + std::to_string(outcome.rc) +
-           ",\"rc_name\":" + jsonString(rcName(outcome.rc)) + ",\"abend_code\":" + jsonString(outcome.abendCode) +
+           ",\"rc_name\":" + jsonString(zep::category().message(outcome.rc)) +
+           ",\"abend_code\":" + jsonString(outcome.abendCode) +
            ",\"luw_token\":" + std::to_string(outcome.luwToken) + ",\"time_ms\":" + threeDecimals(milliseconds) +
            data + "}\n";
 }
 
-void reportVerbose(const EciOutcome& outcome, double milliseconds)
+void reportVerbose(const Outcome& outcome, double milliseconds)
 {
     std::fprintf(stderr, "abend code: %s\nLUW token:  %ld\ntime:       %.3f ms\n",
                  outcome.abendCode.empty() ? "(none)" : outcome.abendCode.c_str(),
                  static_cast<long>(outcome.luwToken), milliseconds);
 }
 
-std::string calendarText(const CalendarTime& t)
+// The Gateway's times carry no zone; zepclient.hpp reads them as UTC, so they are shown as UTC.
+std::string calendarText(std::chrono::system_clock::time_point time)
 {
     static const char* const kDays[] = {"Sunday", "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday"};
-    if (!t.set)
+    std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    struct tm t = {};
+    if (time == std::chrono::system_clock::time_point{} || gmtime_r(&seconds, &t) == nullptr)
         return "(not set)";
     char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d %s", t.year, t.month, t.day, t.hour, t.minute,
-                  t.second, t.weekday >= 0 && t.weekday < 7 ? kDays[t.weekday] : "");
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d %s", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
+                  t.tm_hour, t.tm_min, t.tm_sec, t.tm_wday >= 0 && t.tm_wday < 7 ? kDays[t.tm_wday] : "");
     return text;
 }
 
@@ -167,34 +203,36 @@ int runCall(const Invocation& inv)
 {
     const CallOptions& options = inv.call;
     const bool channelCall = !options.channel.empty();
-    std::string data = channelCall ? std::string() : commareaData(options);
-    std::vector<unsigned char> commarea(data.begin(), data.end());
-    if (options.length != -1)
-        commarea.resize(static_cast<size_t>(options.length));
-    std::unique_ptr<ChannelData> channel;
+    const std::string data = channelCall ? std::string() : commareaData(options);
+    std::optional<zep::Channel> channel;
     if (channelCall) {
-        channel = std::make_unique<ChannelData>(options.channel);
+        channel.emplace(options.channel);
         putContainers(options, *channel);
     }
-    TargetGuard guard;
-    targetFor(inv, guard.target);
+    Secret secret;
+    if (!options.user.empty())
+        secret.text = password("ZEP_PASSWORD", "Password for " + options.user + ": ");
+    const zep::CallOptions callOptions = callOptionsFor(options, secret.text);
 
-    Connection connection(inv.endpoint);
+    zep::Connection connection = connect(inv.endpoint);
     auto started = std::chrono::steady_clock::now();
-    EciOutcome outcome = channelCall ? connection.call(guard.target, *channel)
-                                     : connection.call(guard.target, commarea, data.size());
+    std::string commarea = data;
+    commarea.resize(std::max(data.size(), callOptions.commareaLength), '\0');
+    const Outcome outcome =
+        channelCall ? outcomeOf([&] { return connection.call(options.program, *channel, callOptions); }, "")
+                    : outcomeOf([&] { return connection.call(options.program, data, callOptions); }, commarea);
     double milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
 
     const Shown commareaShown = options.hex ? Shown::Hex : Shown::Commarea;
-    std::string_view reply(reinterpret_cast<const char*>(commarea.data()), commarea.size());
+    const std::string& reply = outcome.reply;
     if (inv.json)
         std::cout << callJson(options, outcome, milliseconds,
                               channelCall ? ",\"channel\":" + jsonString(options.channel) +
-                                                ",\"containers\":" + containersJson(channel->contents())
+                                                ",\"containers\":" + containersJson(*channel)
                                           : ",\"length\":" + std::to_string(reply.size()) + "," +
                                                 jsonData(reply, commareaShown));
     else if (outcome.rc == 0)
-        std::cout << (channelCall ? containersText(channel->contents()) : shownData(reply, commareaShown, ""));
+        std::cout << (channelCall ? containersText(*channel) : shownData(reply, commareaShown, ""));
     std::cout.flush();
     if (inv.verbose)
         reportVerbose(outcome, milliseconds);
@@ -206,15 +244,10 @@ int runCall(const Invocation& inv)
     return exitStatusFor(outcome.rc);
 }
 
+// A failure of the connection or the request ends in main(), which reports it.
 int runSystems(const Invocation& inv)
 {
-    Connection connection(inv.endpoint);
-    std::vector<SystemEntry> systems;
-    int rc = connection.listSystems(systems);
-    if (rc != 0 && rc != ZEP_ERR_NO_SYSTEMS && rc != ZEP_ERR_MORE_SYSTEMS) {
-        std::fprintf(stderr, "%s\n", failureMessage(rc, contextFor(inv)).c_str());
-        return exitStatusFor(rc);
-    }
+    const std::vector<zep::System> systems = connect(inv.endpoint).systems();
     if (inv.json) {
         std::cout << "[";
         for (size_t i = 0; i < systems.size(); ++i)
@@ -223,44 +256,34 @@ int runSystems(const Invocation& inv)
         std::cout << "]\n";
     } else {
         std::printf("%-9s  %s\n", "SYSTEM", "DESCRIPTION");
-        for (const SystemEntry& system : systems)
+        for (const zep::System& system : systems)
             std::printf("%-9s  %s\n", system.name.c_str(), system.description.c_str());
     }
-    std::fflush(stdout);
-    if (rc == ZEP_ERR_MORE_SYSTEMS)
-        std::fprintf(stderr, "%s\n", failureMessage(rc, contextFor(inv)).c_str());
     return kExitOk;
 }
 
 int runPasswordCommand(const Invocation& inv)
 {
     const bool change = inv.command == Command::Change;
-    struct Secrets {
-        std::string old, fresh, again;
-        ~Secrets() { wipe(old), wipe(fresh), wipe(again); }
-    } secrets;
-    secrets.old = password("ZEP_PASSWORD", (change ? "Old password for " : "Password for ") + inv.user + ": ");
+    Secret old, fresh, again;
+    old.text = password("ZEP_PASSWORD", (change ? "Old password for " : "Password for ") + inv.user + ": ");
     if (change) {
-        secrets.fresh = password("ZEP_NEW_PASSWORD", "New password for " + inv.user + ": ");
+        fresh.text = password("ZEP_NEW_PASSWORD", "New password for " + inv.user + ": ");
         if (std::getenv("ZEP_NEW_PASSWORD") == nullptr) {
-            secrets.again = password("ZEP_NEW_PASSWORD", "Repeat the new password: ");
-            if (secrets.again != secrets.fresh)
+            again.text = password("ZEP_NEW_PASSWORD", "Repeat the new password: ");
+            if (again.text != fresh.text)
                 throw LocalError("the two new passwords differ; nothing was changed");
         }
     }
-    Connection connection(inv.endpoint);
-    UserDetails details;
-    int rc = change ? connection.changePassword(inv.user, secrets.old, secrets.fresh, inv.call.system, details)
-                    : connection.verifyPassword(inv.user, secrets.old, inv.call.system, details);
-    if (rc != 0) {
-        std::fprintf(stderr, "%s\n", failureMessage(rc, contextFor(inv)).c_str());
-        return exitStatusFor(rc);
-    }
+    zep::Connection connection = connect(inv.endpoint);
+    const zep::UserDetails details = change
+        ? connection.changePassword(inv.user, old.text, fresh.text, inv.call.system)
+        : connection.verifyPassword(inv.user, old.text, inv.call.system);
     std::printf("password of %s %s\n", inv.user.c_str(), change ? "changed" : "accepted");
-    static const char* const kLabels[] = {"first time:", "second time:", "third time:"};
-    for (int i = 0; i < 3; ++i)
-        std::printf("%-15s %s\n", kLabels[i], calendarText(details.times[i]).c_str());
-    std::printf("%-15s %d\n", "verifications:", details.count);
+    std::printf("%-15s %s\n", "first time:", calendarText(details.time1).c_str());
+    std::printf("%-15s %s\n", "second time:", calendarText(details.time2).c_str());
+    std::printf("%-15s %s\n", "third time:", calendarText(details.time3).c_str());
+    std::printf("%-15s %d\n", "verifications:", static_cast<int>(details.count));
     return kExitOk;
 }
 

@@ -1,8 +1,6 @@
 #include "failure.h"
 
-#include <zepclient.h>
-
-#include "gateway.h"
+#include <zepclient.hpp>
 
 namespace zepcall {
 
@@ -99,7 +97,7 @@ int exitStatusFor(int rc)
 
 std::string failureMessage(int rc, const FailureContext& context)
 {
-    return rcName(rc) + " (" + std::to_string(rc) + "): " + explanation(rc, context);
+    return zep::category().message(rc) + " (" + std::to_string(rc) + "): " + explanation(rc, context);
 }
 
 }  // namespace zepcall

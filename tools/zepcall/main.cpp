@@ -26,7 +26,10 @@ int run(const Invocation& inv)
         std::printf("zepcall %s\nzepclient library %s\n", ZEPCALL_VERSION, libraryVersion().c_str());
         return kExitOk;
     }
-    setTrace(inv.traceLevel, inv.traceFile);
+    if (!inv.traceFile.empty())
+        zep::setTraceFile(inv.traceFile);
+    if (inv.traceLevel >= 0)
+        zep::setTraceLevel(inv.traceLevel);
     switch (inv.command) {
     case Command::Call: return runCall(inv);
     case Command::Systems: return runSystems(inv);
@@ -58,9 +61,9 @@ int main(int argc, char** argv)
     } catch (const LocalError& e) {
         std::fprintf(stderr, "zepcall: %s\n", e.what());
         return kExitLocal;
-    } catch (const LibraryError& e) {
-        std::fprintf(stderr, "%s\n", failureMessage(e.rc(), contextFor(inv)).c_str());
-        return exitStatusFor(e.rc());
+    } catch (const zep::Error& e) {
+        std::fprintf(stderr, "%s\n", failureMessage(e.code().value(), contextFor(inv)).c_str());
+        return exitStatusFor(e.code().value());
     } catch (const std::exception& e) {
         std::fprintf(stderr, "zepcall: %s\n", e.what());
         return kExitLocal;
