@@ -528,14 +528,17 @@ int quiesceConnection(GatewayToken* gwToken, int closeTimeout)
     TRACE_ENTRY(2065, "clapi_gwytok.quiesceConnection(gwToken=%p, closeTimeout=%d)\n", (void*)gwToken, closeTimeout);
     int rc = releaseReplyWaiters(gwToken);
     if (rc == 0) rc = waitForOutstandingWork(gwToken, closeTimeout);
+    bool closeFlowFailed = false;
     if (rc == 0 && loadConnStatus(gwToken) == CONN_OPEN) {
         rc = clapiCloseConnection(gwToken);
-        /* The connection ended on its own while the close flow went out: there is nothing left to close. */
-        if (rc != 0 && loadConnStatus(gwToken) != CONN_OPEN) rc = 0;
+        closeFlowFailed = rc != 0;
     }
     /* The receiver thread fails every waiting request as it ends; nothing may be freed before that. */
     if (clapiWaitEvent(&gwToken->recvThreadEndedEvent) != 0)
         TRACE_EXC(2082, "clapi_gwytok.quiesceConnection() Failed to wait on recvThreadEndedEvent\n");
+    /* The connection ended on its own while the close flow went out: there is nothing left to close. The receiver
+       marks that end only as it fails the waiting requests, so the status is read once it has ended. */
+    if (closeFlowFailed && loadConnStatus(gwToken) != CONN_OPEN) rc = 0;
     if (rc == 0) rc = abandonOutstandingWork(gwToken);
     TRACE_EXIT(2079, "clapi_gwytok.quiesceConnection() rc=%d\n", rc);
     return rc;
