@@ -278,6 +278,11 @@ struct EndedCase {
     int rc;
 };
 
+void PrintTo(const EndedCase& c, std::ostream* os)
+{
+    *os << c.program;
+}
+
 class CloseEnded : public ::testing::TestWithParam<EndedCase> {};
 
 // Uncollected asynchronous requests, one holding a channel, on a connection the Gateway then ends.
