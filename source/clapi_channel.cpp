@@ -443,7 +443,20 @@ static void dumpContainers(FILE* out, Channel* chan, int channelNumber)
     }
 }
 
-/* chanListLock and the trace lock held on entry. */
+/*
+ * chanListLock held on entry. A channel's containers change only under its serlock (container calls, replies
+ * written into it, its CCSID being set), so the dump holds every serlock while it walks. Taken before the trace
+ * lock and in list order; only a dump holds more than one, and dumps take chanListLock first.
+ */
+static void holdAllChannels(bool hold)
+{
+    for (Channel* chan = chanList; chan != NULL; chan = chan->nextChannel) {
+        if (hold) clapiRequestLock(&chan->serlock);
+        else clapiReleaseLock(&chan->serlock);
+    }
+}
+
+/* chanListLock, every channel's serlock and the trace lock held on entry. */
 static void dumpChannelList(FILE* out)
 {
     if (chanList == NULL) {
@@ -470,6 +483,7 @@ int ZEP_ECI_dumpChannels(void)
     TRACE_ENTRY(1410, "API.ZEP_ECI_dumpChannels()\n");
     if (rc == 0) {
         clapiRequestLock(&chanListLock);
+        holdAllChannels(true);
         clapiRequestLock(&traceLock);
         FILE* out = clientAPITraceHandle;
         fputs("Channel and container dump\n", out);
@@ -478,6 +492,7 @@ int ZEP_ECI_dumpChannels(void)
         writeRule(out);
         fflush(out);
         clapiReleaseLock(&traceLock);
+        holdAllChannels(false);
         clapiReleaseLock(&chanListLock);
     }
     TRACE_EXIT(1419, "API.ZEP_ECI_dumpChannels() rc=%d (%s)\n", rc, clapiGetRcStringChannel(rc));
@@ -533,16 +548,25 @@ static int checkLength(const ContainerCall& call, int id, unsigned long dataLeng
     return ECI_NO_ERROR;
 }
 
+/* Takes the channel, and its serlock for the length of the call, so that a dump never walks a change half made. */
+static int takeForCall(Channel* chan)
+{
+    int rc = lockChannel(chan);
+    if (rc == ECI_NO_ERROR) clapiRequestLock(&chan->serlock);
+    return rc;
+}
+
 /* Checks the name and takes the channel. */
 static int openContainerCall(Channel* chan, const char* name)
 {
     int rc = validateName(name);
-    return rc != ECI_NO_ERROR ? rc : lockChannel(chan);
+    return rc != ECI_NO_ERROR ? rc : takeForCall(chan);
 }
 
-/* Channel held on entry; released here whatever the result, and a failed release decides the result. */
+/* Channel and its serlock held on entry; released here whatever the result, and a failed release decides it. */
 static int closeContainerCall(const ContainerCall& call, Channel* chan, int rc)
 {
+    clapiReleaseLock(&chan->serlock);
     if (unlockChannel(chan) != ECI_NO_ERROR) {
         TRACE_EXC(call.unlockFailedId, "%s", call.unlockFailedText);
         rc = ECI_ERR_SYSTEM_ERROR;
@@ -847,7 +871,7 @@ static int browse(const ContainerCall& call, int nullInfoId, Channel* chanTok, C
 {
     if (chanTok == NULL) return nullChannel(call);
     if (infoPtr == NULL) return rejectNullInfo(call, nullInfoId);
-    int rc = lockChannel(chanTok);
+    int rc = takeForCall(chanTok);
     if (rc != ECI_NO_ERROR) return rc;
     rc = step(chanTok, infoPtr);
     return closeContainerCall(call, chanTok, rc);

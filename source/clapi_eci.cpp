@@ -391,7 +391,7 @@ static int writeRequest(GatewayToken* gwTok, FlowHeader* header, EciRequest* req
  * Table lock not held on entry. An asynchronous request whose write failed after it was marked sent. Meanwhile
  * the receiver may have failed and queued it, and a collector may even have consumed it: freed its buffer and
  * slot, lowered the count and unlocked its channel. So everything is decided in one hold of the table lock.
- * True when a collector had consumed it already: then nothing of the request is left to release.
+ * True when a collector had consumed it already, or its channel was released: then no channel is left to unlock.
  */
 static bool withdrawAsyncRequest(GatewayToken* gwTok, RequestSlot* slot, uint32_t serial)
 {
@@ -403,6 +403,8 @@ static bool withdrawAsyncRequest(GatewayToken* gwTok, RequestSlot* slot, uint32_
     RequestSlot* prev = NULL;
     bool queued = ours && slot->slotState == SLOT_REPLIED && findInReplyQueue(gwTok, slot, &prev);
     ours = ours && (slot->slotState == SLOT_SENT || queued);
+    /* A close of the ended connection may have unlocked the request's channel already. */
+    bool channelGone = !ours || slot->request.eci_channel == NULL;
     if (ours) {
         if (queued) unlinkReply(gwTok, slot, prev);
         lowerAsyncCount(gwTok, 1531, "performEciExecute");
@@ -411,14 +413,14 @@ static bool withdrawAsyncRequest(GatewayToken* gwTok, RequestSlot* slot, uint32_
     }
     if (clapiReleaseLock(&gwTok->tableLock) != 0)
         TRACE_EXC(1532, "clapi_eci.performEciExecute() Failed to unlock slot table after updating async count\n");
-    return !ours;
+    return channelGone;
 }
 
 /* What is left to the caller of a request that could not be sent. */
 typedef enum UnsentRequest {
     UNSENT_SLOT_HELD,         /* the slot is still the caller's to free */
     UNSENT_WITHDRAWN,         /* slot and buffer are released; a channel is still the caller's to unlock */
-    UNSENT_COLLECTED,         /* a reply collector released everything, the channel lock included */
+    UNSENT_COLLECTED,         /* everything is released, the channel lock included (by a collector or a close) */
 } UnsentRequest;
 
 /*
@@ -740,7 +742,9 @@ static int setChannelCcsid(Channel* channel)
     int ccsid = CCSID_UNSET;
     int rc = getCurrentCcsid(&ccsid);
     if (rc != 0) return rc;
+    clapiRequestLock(&channel->serlock);   /* a dump may be reading the channel */
     channel->ccsid = ccsid;
+    clapiReleaseLock(&channel->serlock);
     TRACE_EVENT(1514, "API.ZEP_ECI_Execute_Channel() Channel \"%.16s\" CCSID set to %d\n", channel->name, ccsid);
     return 0;
 }

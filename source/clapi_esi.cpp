@@ -228,6 +228,8 @@ static int runEsiEntryPoint(const EsiEntryPoint* entry, GatewayToken* gwTok, Esi
     int rc = clapiRegisterRequest(gwTok);
     if (rc != 0) return rc;
     rc = checkEsiTexts(entry, request);
+    /* As for ECI requests: a closing connection sends nothing more, so that its close flow is the last. */
+    if (rc == 0 && __atomic_load_n(&gwTok->closing, __ATOMIC_RELAXED)) rc = ZEP_ERR_GWTOK_CLOSED;
     if (rc == 0) {
         TRACE_EVENT(entry->idEvent, "API.%s() %s password for userid=%s on server=%s\n", entry->name,
                     entry->actionText, request->userid, TRACE_STR(server));

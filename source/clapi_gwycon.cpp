@@ -250,6 +250,7 @@ struct Receiver {
     FlowHeader    header;
     int32_t       failRc;       /* the code with which waiting requests are failed at the end */
     bool          handshaken;
+    bool          closed;       /* a close flow came: the status changes when the waiting requests are failed */
 };
 
 static int32_t loadConnStatus(GatewayToken* tok)
@@ -289,6 +290,31 @@ static void deliverSlot(GatewayToken* tok, RequestSlot* slot, int32_t code)
     clapiReleaseLock(&tok->tableLock);
 }
 
+/*
+ * Runs on the receiver thread. Takes the table lock and finds the request that awaits this message id; *slot is
+ * NULL when none does. True when the lock is held: the caller delivers and releases with releaseWaitingSlot, so
+ * that the owner cannot free the slot (and perhaps its block with it) between the lookup and the delivery.
+ */
+static bool holdWaitingSlot(GatewayToken* tok, int32_t messageId, RequestSlot** slot)
+{
+    *slot = NULL;
+    if (clapiRequestLock(&tok->tableLock) != 0) {
+        TRACE_EXC(3039, "clapi_gwycon.receiverThread() Failed to acquire table lock\n");
+        return false;
+    }
+    if (slotLookup(tok->requestTable, messageId, slot) != 0) *slot = NULL;
+    return true;
+}
+
+// Table lock held on entry when `held`. Runs on the receiver thread. Delivers the slot, if any, and releases.
+static void releaseWaitingSlot(GatewayToken* tok, bool held, RequestSlot* slot, int32_t code)
+{
+    if (!held) return;
+    if (slot != NULL) deliverSlotLocked(tok, slot, code);
+    if (clapiReleaseLock(&tok->tableLock) != 0)
+        TRACE_EXC(3040, "clapi_gwycon.receiverThread() Failed to release table lock\n");
+}
+
 // Runs on the receiver thread. Finds the slot for a message id under the table lock; returns the lookup's rc.
 static int lookupSlot(GatewayToken* tok, int32_t messageId, RequestSlot** slot)
 {
@@ -314,7 +340,10 @@ static int readEciReply(Receiver* r, RequestSlot* slot)
     reply.extendMode = slot->request.eci_extend_mode;
     reply.channel = slot->request.eci_channel;
     reply.commareaCapacity = slot->replyAreaLength;
+    /* The request holds the channel; its serlock keeps a dump from walking containers the reply changes. */
+    if (reply.channel != NULL) clapiRequestLock(&reply.channel->serlock);
     int rc = clapiReadECIResponse(&r->sb, &reply);
+    if (reply.channel != NULL) clapiReleaseLock(&reply.channel->serlock);
     if (rc != 0) return rc;
     memcpy(slot->request.eci_abend_code, reply.abendCode, sizeof reply.abendCode);
     slot->request.commarea_inbound_length = (int16_t)reply.inboundLength;
@@ -369,15 +398,15 @@ static int handleReply(Receiver* r)
     return 0;
 }
 
-// Runs on the receiver thread.
+// Runs on the receiver thread. Only a request that awaits its reply takes the error: one still being sent does not.
 static int handleError(Receiver* r)
 {
     RequestSlot* slot = NULL;
-    if (r->header.messageId != MSGID_HANDSHAKE) lookupSlot(r->tok, r->header.messageId, &slot);
+    bool held = r->header.messageId != MSGID_HANDSHAKE && holdWaitingSlot(r->tok, r->header.messageId, &slot);
     TRACE_EXC(3036, "clapi_gwycon.receiverThread() Gateway returned a flow type of FLOW_ERROR, rc=%d (%s)\n",
               r->header.returnCode, clapiGetRcString(r->header.returnCode));
     if (r->header.messageId == MSGID_HANDSHAKE) return r->header.returnCode;
-    deliverSlot(r->tok, slot, r->header.returnCode);
+    releaseWaitingSlot(r->tok, held, slot, r->header.returnCode);
     return 0;
 }
 
@@ -394,13 +423,14 @@ static int handleException(Receiver* r)
         free(text);
     }
     RequestSlot* slot = NULL;
-    lookupSlot(r->tok, r->header.messageId, &slot);
+    bool held = holdWaitingSlot(r->tok, r->header.messageId, &slot);
     if (text == NULL) {
+        releaseWaitingSlot(r->tok, held, NULL, 0);
         TRACE_EXC(3045, "clapi_gwycon.receiverThread() Failed to allocate %d bytes for exception message\n",
                   (int)length);
         return ZEP_ERR_SYSTEM_ERROR;
     }
-    deliverSlot(r->tok, slot, ZEP_ERR_GATEWAY_EXCEPTION);
+    releaseWaitingSlot(r->tok, held, slot, ZEP_ERR_GATEWAY_EXCEPTION);
     return 0;
 }
 
@@ -438,7 +468,7 @@ static void noteCloseFlow(Receiver* r)
     r->failRc = byApi ? ZEP_ERR_GWTOK_CLOSED : ZEP_ERR_GATEWAY_CLOSED;
     TRACE_EVENT(3042, "clapi_gwycon.receiverThread() Connection closed, initiated by %s; closeRc=%d (%s)\n",
                 byApi ? "API" : "Gateway", r->failRc, clapiGetRcString(r->failRc));
-    storeConnStatus(r->tok, CONN_CLOSED);
+    r->closed = true;
 }
 
 // Runs on the receiver thread. Reads and handles one message; 0 to go on, else the code that ends the connection.
@@ -465,7 +495,7 @@ static int receiveLoop(Receiver* r)
 {
     int waitLimit = r->tok->connTimeout;   /* only the handshake reply is awaited with a limit */
     int rc = 0;
-    while (rc == 0) {
+    while (rc == 0 && !r->closed) {
         int32_t status = loadConnStatus(r->tok);
         if (status != CONN_CONNECTING && status != CONN_OPEN) break;
         rc = receiveOne(r, waitLimit);
@@ -481,21 +511,27 @@ static void failWaitingRequests(Receiver* r)
         if (slot->slotState == SLOT_SENT) deliverSlotLocked(r->tok, slot, r->failRc);
 }
 
-// Runs on the receiver thread. Records how the connection ended and fails every request still waiting.
+/*
+ * Runs on the receiver thread. Records how the connection ended and fails every request still waiting, in one
+ * hold of the table lock: a reply waiter that sees the status change also finds its failed request queued.
+ */
 static void endConnection(Receiver* r, int loopRc)
 {
     GatewayToken* tok = r->tok;
     freeBuffer(&r->sb);
     clapiRequestLock(&tok->tableLock);
     int32_t status = loadConnStatus(tok);
-    if (status != CONN_CLOSED) {
+    if (!r->closed) {
         __atomic_store_n(&tok->connRc, loopRc, __ATOMIC_RELAXED);
         storeConnStatus(tok, status == CONN_OPEN ? CONN_LOST : CONN_FAILED);
         clapiClearEvent(&tok->connEvent);
-    } else if (!r->handshaken) {
-        /* Closed before the handshake reply: the opener must still learn of it. */
-        __atomic_store_n(&tok->connRc, r->failRc, __ATOMIC_RELAXED);
-        clapiClearEvent(&tok->connEvent);
+    } else {
+        storeConnStatus(tok, CONN_CLOSED);
+        if (!r->handshaken) {
+            /* Closed before the handshake reply: the opener must still learn of it. */
+            __atomic_store_n(&tok->connRc, r->failRc, __ATOMIC_RELAXED);
+            clapiClearEvent(&tok->connEvent);
+        }
     }
     /* Shut the socket once the status tells of the end and before the waiting requests learn of it: a sender
        still queued for the send lock must then fail its write, whoever collects its failed request first. */
@@ -504,6 +540,8 @@ static void endConnection(Receiver* r, int loopRc)
         failWaitingRequests(r);
         /* Reply collectors waiting with nothing outstanding must wake and see the connection gone. */
         clapiClearEvent(&tok->asyncReplyEvent);
+        /* A close that waits for asynchronous requests must learn that no reply can arrive any more. */
+        clapiClearEvent(&tok->requestsEnded);
     }
     clapiReleaseLock(&tok->tableLock);
 }

@@ -6,6 +6,7 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include "clapi_channel.h"
 #include "clapi_diag.h"
@@ -49,6 +50,13 @@ static int32_t loadApiCalls(GatewayToken* tok)
 static void storeApiCalls(GatewayToken* tok, int32_t value)
 {
     __atomic_store_n(&tok->apiCalls, value, __ATOMIC_RELAXED);
+}
+
+/* False once the receiver thread has failed every waiting request: no reply can arrive any more. */
+static bool receiverRuns(GatewayToken* tok)
+{
+    int32_t status = loadConnStatus(tok);
+    return status == CONN_CONNECTING || status == CONN_OPEN;
 }
 
 /* Takes and releases the table lock; the caller holds no lock or only gtlLock. */
@@ -101,7 +109,10 @@ int clapiRegisterRequest(GatewayToken* gwTokPtr)
         rc = ZEP_ERR_SYSTEM_ERROR;
     } else {
         int findRc = findGatewayToken(gwTokPtr, NULL);
-        if (findRc == FIND_TOKEN_FOUND) {
+        if (findRc == FIND_TOKEN_FOUND && loadClosing(gwTokPtr) && !receiverRuns(gwTokPtr)) {
+            /* Its close only waits for the calls in progress before it frees the token: no new call may begin. */
+            rc = ZEP_ERR_GWTOK_CLOSED;
+        } else if (findRc == FIND_TOKEN_FOUND) {
             storeApiCalls(gwTokPtr, loadApiCalls(gwTokPtr) + 1);
             TRACE_EVENT(2023, "clapi_gwytok.clapiRegisterRequest() Outstanding API calls=%d on gwTokPtr=%p\n",
                         loadApiCalls(gwTokPtr), (void*)gwTokPtr);
@@ -373,30 +384,66 @@ int clapiCloseGatewayToken(GatewayToken* gwTokPtr, int lockRequired)
     return rc;
 }
 
-/* Waits for `requestsEnded` as the close's time limit allows. No lock held on entry. */
+/*
+ * gtlLock held on entry. Counts the work a close waits for: API calls in progress and, while the receiver runs,
+ * asynchronous requests. When there is some, `requestsEnded` is reset and the work counted again, so that a
+ * signal left from earlier calls never lets the wait pass, and one given after the count is never missed.
+ */
+static bool workOutstanding(GatewayToken* tok, int32_t* apiCalls, int32_t* asyncRequests)
+{
+    for (bool reset = false;; reset = true) {
+        *apiCalls = loadApiCalls(tok);
+        *asyncRequests = readAsyncRequests(tok);
+        bool waiting = *apiCalls > 0 || (*asyncRequests > 0 && receiverRuns(tok));
+        if (!waiting || reset) return waiting;
+        clapiSetEvent(&tok->requestsEnded);
+    }
+}
+
+static int secondsUntil(const struct timespec* deadline)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    long long nanos = (deadline->tv_sec - now.tv_sec) * 1000000000LL + (deadline->tv_nsec - now.tv_nsec);
+    return nanos <= 0 ? 0 : (int)((nanos + 999999999LL) / 1000000000LL);
+}
+
+/* Waits until the work that a close waits for has ended, as the close's time limit allows. No lock held on entry. */
 static int waitForOutstandingWork(GatewayToken* gwToken, int closeTimeout)
 {
-    int32_t apiCalls = loadApiCalls(gwToken);
-    int32_t asyncRequests = readAsyncRequests(gwToken);
-    if (apiCalls <= 0 && asyncRequests <= 0) return 0;
-    if (closeTimeout == -1) {
-        TRACE_EVENT(2069, "clapi_gwytok.quiesceConnection() Waiting for %d API calls and %d async requests to complete\n",
-                    apiCalls, asyncRequests);
-        if (clapiWaitEvent(&gwToken->requestsEnded) != 0) {
-            TRACE_EXC(2070, "clapi_gwytok.quiesceConnection() Failed to wait (indefinitely) for work to complete\n");
-            return ZEP_ERR_SYSTEM_ERROR;
+    if (closeTimeout != -1 && closeTimeout <= 0) return 0;
+    struct timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += closeTimeout > 0 ? closeTimeout : 0;
+    for (bool announced = false;; announced = true) {
+        int32_t apiCalls, asyncRequests;
+        clapiRequestLock(&gtlLock);
+        bool waiting = workOutstanding(gwToken, &apiCalls, &asyncRequests);
+        clapiReleaseLock(&gtlLock);
+        if (!waiting) return 0;
+        if (closeTimeout == -1) {
+            if (!announced)
+                TRACE_EVENT(2069, "clapi_gwytok.quiesceConnection() Waiting for %d API calls and %d async requests to complete\n",
+                            apiCalls, asyncRequests);
+            if (clapiWaitEvent(&gwToken->requestsEnded) != 0) {
+                TRACE_EXC(2070, "clapi_gwytok.quiesceConnection() Failed to wait (indefinitely) for work to complete\n");
+                return ZEP_ERR_SYSTEM_ERROR;
+            }
+            continue;
         }
-    } else if (closeTimeout > 0) {
-        TRACE_EVENT(2071, "clapi_gwytok.quiesceConnection() Waiting %d seconds for %d API calls and %d async requests to complete\n",
-                    closeTimeout, apiCalls, asyncRequests);
+        if (!announced)
+            TRACE_EVENT(2071, "clapi_gwytok.quiesceConnection() Waiting %d seconds for %d API calls and %d async requests to complete\n",
+                        closeTimeout, apiCalls, asyncRequests);
+        int left = secondsUntil(&deadline);
         int expired = 0;
-        if (clapiTimedWaitEvent(&gwToken->requestsEnded, closeTimeout, &expired) != 0) {
+        if (left > 0 && clapiTimedWaitEvent(&gwToken->requestsEnded, left, &expired) != 0) {
             TRACE_EXC(2072, "clapi_gwytok.quiesceConnection() Failed to wait (for %d seconds) for work to complete\n",
                       closeTimeout);
             return ZEP_ERR_SYSTEM_ERROR;
         }
+        /* Running out of time is no error: the close goes ahead with the work still outstanding. */
+        if (left <= 0 || expired) return 0;
     }
-    return 0;
 }
 
 /* Wakes threads that wait for any asynchronous reply, so that they see the closing token. No lock held on entry. */
@@ -456,7 +503,10 @@ static void unlockAbandonedChannels(GatewayToken* gwToken)
     }
 }
 
-/* After the receiver thread has ended: abandons uncollected replies and frees their channels. No lock held on entry. */
+/*
+ * After the receiver thread has ended: abandons uncollected replies and frees their channels, then waits for the
+ * calls still in progress. The channels go first: a call may be waiting for one of them. No lock held on entry.
+ */
 static int abandonOutstandingWork(GatewayToken* gwToken)
 {
     if (clapiRequestLock(&gwToken->tableLock) != 0) {
@@ -464,23 +514,12 @@ static int abandonOutstandingWork(GatewayToken* gwToken)
         return ZEP_ERR_SYSTEM_ERROR;
     }
     gwToken->asyncRequests = 0;
-    if (loadApiCalls(gwToken) > 0) {
-        if (clapiReleaseLock(&gwToken->tableLock) != 0) {
-            TRACE_EXC(2074, "clapi_gwytok.quiesceConnection() Failed to unlock slot table\n");
-            return ZEP_ERR_SYSTEM_ERROR;
-        }
-        if (waitForApiCalls(gwToken) != 0) return ZEP_ERR_SYSTEM_ERROR;
-        if (clapiRequestLock(&gwToken->tableLock) != 0) {
-            TRACE_EXC(2077, "clapi_gwytok.quiesceConnection() Failed to lock slot table after waiting\n");
-            return ZEP_ERR_SYSTEM_ERROR;
-        }
-    }
     unlockAbandonedChannels(gwToken);
     if (clapiReleaseLock(&gwToken->tableLock) != 0) {
         TRACE_EXC(2078, "clapi_gwytok.quiesceConnection() Failed to unlock slot table\n");
         return ZEP_ERR_SYSTEM_ERROR;
     }
-    return 0;
+    return waitForApiCalls(gwToken);
 }
 
 // No lock held on entry.
@@ -489,14 +528,17 @@ int quiesceConnection(GatewayToken* gwToken, int closeTimeout)
     TRACE_ENTRY(2065, "clapi_gwytok.quiesceConnection(gwToken=%p, closeTimeout=%d)\n", (void*)gwToken, closeTimeout);
     int rc = releaseReplyWaiters(gwToken);
     if (rc == 0) rc = waitForOutstandingWork(gwToken, closeTimeout);
+    bool closeFlowFailed = false;
     if (rc == 0 && loadConnStatus(gwToken) == CONN_OPEN) {
         rc = clapiCloseConnection(gwToken);
-        /* The connection ended on its own while the close flow went out: there is nothing left to close. */
-        if (rc != 0 && loadConnStatus(gwToken) != CONN_OPEN) rc = 0;
+        closeFlowFailed = rc != 0;
     }
     /* The receiver thread fails every waiting request as it ends; nothing may be freed before that. */
     if (clapiWaitEvent(&gwToken->recvThreadEndedEvent) != 0)
         TRACE_EXC(2082, "clapi_gwytok.quiesceConnection() Failed to wait on recvThreadEndedEvent\n");
+    /* The connection ended on its own while the close flow went out: there is nothing left to close. The receiver
+       marks that end only as it fails the waiting requests, so the status is read once it has ended. */
+    if (closeFlowFailed && loadConnStatus(gwToken) != CONN_OPEN) rc = 0;
     if (rc == 0) rc = abandonOutstandingWork(gwToken);
     TRACE_EXIT(2079, "clapi_gwytok.quiesceConnection() rc=%d\n", rc);
     return rc;

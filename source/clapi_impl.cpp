@@ -796,7 +796,9 @@ static int listSystemsRegistered(GatewayToken* gwTok, unsigned short* Systems, S
         TRACE_EXC(1020, "API.ZEP_listSystems() NULL List Parameter, List=%p\n", (void*)List);
         return ZEP_ERR_NULLPTR;
     }
-    RequestSlot* slot;
+    /* As for ECI requests: a closing connection sends nothing more, so that its close flow is the last. */
+    if (__atomic_load_n(&gwTok->closing, __ATOMIC_RELAXED)) return ZEP_ERR_GWTOK_CLOSED;
+    RequestSlot* slot = NULL;
     int rc = reserveSystemsSlot(gwTok, *Systems, List, &slot);
     if (rc == 0) rc = sendSystemsRequest(gwTok, slot, *Systems, List);
     if (rc == 0) rc = collectSystems(slot, Systems, List);
