@@ -41,14 +41,14 @@ Put parsePut(Put::Kind kind, const std::string& option, const std::string& value
     return Put{kind, value.substr(0, eq), value.substr(eq + 1)};
 }
 
-struct OptionSpec {
+struct OptionRule {
     const char* name;
     bool takesValue;
     unsigned scope;
     void (*apply)(Invocation&, const std::string& option, const std::string& value);
 };
 
-const OptionSpec kOptions[] = {
+const OptionRule kOptions[] = {
     {"--help", false, kGlobal, [](Invocation& i, auto&, auto&) { i.help = true; }},
     {"-h", false, kGlobal, [](Invocation& i, auto&, auto&) { i.help = true; }},
     {"--version", false, kGlobal, [](Invocation& i, auto&, auto&) { i.version = true; }},
@@ -85,16 +85,16 @@ const OptionSpec kOptions[] = {
     {"--program", true, kBench, [](Invocation& i, auto&, auto& v) { i.bench.program = v; }},
 };
 
-const OptionSpec* findOption(const std::string& name)
+const OptionRule* findOption(const std::string& name)
 {
-    for (const OptionSpec& spec : kOptions)
-        if (name == spec.name)
-            return &spec;
+    for (const OptionRule& rule : kOptions)
+        if (name == rule.name)
+            return &rule;
     return nullptr;
 }
 
 struct GivenOption {
-    const OptionSpec* spec;
+    const OptionRule* rule;
     std::string name;
     std::string value;
 };
@@ -203,29 +203,29 @@ void parseArguments(int argc, char** argv, const char* gatewayVariable, Invocati
         }
         size_t eq = arg.find('=');
         std::string name = arg.substr(0, eq);
-        const OptionSpec* spec = findOption(name);
-        if (spec == nullptr)
+        const OptionRule* rule = findOption(name);
+        if (rule == nullptr)
             throw UsageError("unknown option '" + name + "'");
         std::string value;
-        if (spec->takesValue && eq != std::string::npos)
+        if (rule->takesValue && eq != std::string::npos)
             value = arg.substr(eq + 1);
-        else if (spec->takesValue && i + 1 < argc)
+        else if (rule->takesValue && i + 1 < argc)
             value = argv[++i];
-        else if (spec->takesValue)
+        else if (rule->takesValue)
             throw UsageError("missing value for " + name);
         else if (eq != std::string::npos)
             throw UsageError(name + " takes no value");
-        given.push_back({spec, name, value});
+        given.push_back({rule, name, value});
     }
     if (!positionals.empty())
         inv.command = commandNamed(positionals[0]);
     bool hostGiven = false;
     for (const GivenOption& option : given) {
-        if ((option.spec->scope & (1u << static_cast<int>(inv.command))) == 0)
+        if ((option.rule->scope & (1u << static_cast<int>(inv.command))) == 0)
             throw UsageError(option.name + " is not an option of " +
                              (inv.command == Command::None ? std::string("zepcall without a command")
                                                            : commandName(inv.command)));
-        option.spec->apply(inv, option.name, option.value);
+        option.rule->apply(inv, option.name, option.value);
         hostGiven = hostGiven || option.name == "--host";
     }
     if (inv.help || inv.version)
