@@ -1,8 +1,9 @@
 # The front door: `make` builds both flavours, `make test` runs every test in both, `make demo` shows it working.
 JOBS      ?= 2
+FUZZ_SECONDS ?= 60
 FLAVOURS  := 32 64
 
-.PHONY: all deps build test demo clean configure
+.PHONY: all deps build test demo clean configure fuzz
 
 all: build
 
@@ -22,6 +23,10 @@ test: build
 	  echo "== $$f-bit flavour =="; \
 	  ctest --test-dir build/$$f --output-on-failure -j$(JOBS) || exit 1; \
 	done
+
+# Every libFuzzer target of fuzz/ for FUZZ_SECONDS seconds, built with clang in build/fuzz.
+fuzz:
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) scripts/run-fuzz.sh
 
 demo: build
 	@scripts/run-demo.sh build/64

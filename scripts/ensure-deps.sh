@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Makes sure the build tools are here: g++ with 32-bit multilib support, cmake, and the GoogleTest sources
-# (built from source for each flavour). As root it installs what is missing; otherwise it prints the command.
+# (built from source for each flavour); with FUZZ=1 also clang. As root it installs what is missing; otherwise it
+# prints the command.
 set -euo pipefail
 
 missing=()
@@ -8,6 +9,8 @@ command -v cmake >/dev/null 2>&1 || missing+=(cmake)
 command -v g++ >/dev/null 2>&1 || missing+=(g++)
 command -v make >/dev/null 2>&1 || missing+=(make)
 [ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
+# Only `make fuzz` (FUZZ=1) needs clang, whose runtime brings libFuzzer.
+if [ "${FUZZ:-0}" = 1 ]; then command -v clang++ >/dev/null 2>&1 || missing+=(clang); fi
 probe_dir=$(mktemp -d)
 trap 'rm -rf "$probe_dir"' EXIT
 echo 'int main(void) { return 0; }' > "$probe_dir/probe.c"

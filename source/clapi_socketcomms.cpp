@@ -309,14 +309,18 @@ static Container* findContainer(Channel* channel, const char* name, Container** 
     return NULL;
 }
 
-/* Reads container data into `block`; on failure whatever arrived is wiped. */
-static int readContainerData(SocketBuffer* sb, uint8_t* block, unsigned long length, int excId, int dataId)
+/* A data length that the rest of the message cannot hold is refused before anything is allocated for it. */
+static int checkDataFits(const SocketBuffer* sb, unsigned long length, int excId)
 {
     unsigned long long left = (unsigned long long)sb->bytesInBuffer + sb->bytesRemaining;
-    if (length > left) {
-        TRACE_EXC(excId, "Container data length %lu exceeds the %llu bytes left in the message\n", length, left);
-        return ZEP_ERR_SYSTEM_ERROR;
-    }
+    if (length <= left) return 0;
+    TRACE_EXC(excId, "Container data length %lu exceeds the %llu bytes left in the message\n", length, left);
+    return ZEP_ERR_SYSTEM_ERROR;
+}
+
+/* Reads container data into `block`; on failure whatever arrived is wiped. */
+static int readContainerData(SocketBuffer* sb, uint8_t* block, unsigned long length, int dataId)
+{
     readBytes(sb, block, (uint32_t)length);
     int rc = readFailure(sb);
     if (rc != 0) {
@@ -332,15 +336,15 @@ int addContainer(SocketBuffer* sb, Channel* channel, Container* record)
 {
     TRACE_ENTRY(3223, "clapi_socketcomms.addContainer(sockBuffer=%p, channel=%p, record=%p)\n", (void*)sb,
                 (void*)channel, (void*)record);
-    int rc = 0;
+    int rc = checkDataFits(sb, record->dataLength, 3224);
     uint8_t* data = NULL;
-    if (record->dataLength != 0) {
+    if (rc == 0 && record->dataLength != 0) {
         data = (uint8_t*)malloc(record->dataLength);
         if (data == NULL) {
             TRACE_EXC(3224, "Failed to allocate %lu bytes for container data\n", record->dataLength);
             rc = ZEP_ERR_MALLOCFAIL;
         } else {
-            rc = readContainerData(sb, data, record->dataLength, 3224, 3225);
+            rc = readContainerData(sb, data, record->dataLength, 3225);
             if (rc != 0) free(data);   /* readContainerData has wiped whatever arrived */
         }
     }
@@ -427,9 +431,10 @@ int modifyContainer(SocketBuffer* sb, Channel* channel, Container* record)
         rc = ZEP_ERR_SYSTEM_ERROR;
     } else {
         bool keepsOldData = record->dataLength == container->dataLength;
-        rc = resizeContainerData(container, record->dataLength);
+        rc = checkDataFits(sb, record->dataLength, 3233);
+        if (rc == 0) rc = resizeContainerData(container, record->dataLength);
         if (rc == 0 && record->dataLength != 0) {
-            rc = readContainerData(sb, container->dataPtr, record->dataLength, 3233, 3235);
+            rc = readContainerData(sb, container->dataPtr, record->dataLength, 3235);
             if (rc != 0) {
                 /* A reused block still holds the old data; a new one only what readContainerData wiped. */
                 if (keepsOldData) {
