@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <chrono>
 #include <poll.h>
+#include <random>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,6 +19,13 @@ namespace {
 
 // How long a connection that zepgw ends waits for the client to close its side.
 constexpr std::chrono::seconds kDrainLimit(5);
+
+// A random hold of 0 to maxMs milliseconds; each reader thread draws from its own generator.
+std::chrono::milliseconds jitter(int maxMs)
+{
+    thread_local std::minstd_rand generator{std::random_device{}()};
+    return std::chrono::milliseconds(std::uniform_int_distribution<int>(0, maxMs)(generator));
+}
 
 // Reads n bytes; returns fewer only at end of stream or on an error.
 size_t recvAll(int fd, uint8_t* p, size_t n)
@@ -222,7 +230,12 @@ void Connection::perform(const Message& m, const EciRequest& q, const Outcome& o
     std::string result = format("rc %ld", o.reply.returnCode);
     switch (o.action) {
     case Action::Reply:
-        reply(answer);
+        if (context_.options.jitterMs > 0) {
+            std::shared_ptr<Connection> self = shared_from_this();
+            context_.scheduler.after(jitter(context_.options.jitterMs), [self, answer] { self->reply(answer); });
+        } else {
+            reply(answer);
+        }
         break;
     case Action::Delay: {
         std::shared_ptr<Connection> self = shared_from_this();
