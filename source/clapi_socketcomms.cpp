@@ -432,7 +432,11 @@ int modifyContainer(SocketBuffer* sb, Channel* channel, Container* record)
     } else {
         bool keepsOldData = record->dataLength == container->dataLength;
         rc = checkDataFits(sb, record->dataLength, 3233);
-        if (rc == 0) rc = resizeContainerData(container, record->dataLength);
+        if (rc == 0) {
+            rc = resizeContainerData(container, record->dataLength);
+        } else {
+            resizeContainerData(container, 0);   /* the old data go, wiped, as for any failed change */
+        }
         if (rc == 0 && record->dataLength != 0) {
             rc = readContainerData(sb, container->dataPtr, record->dataLength, 3235);
             if (rc != 0) {
