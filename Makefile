@@ -2,11 +2,12 @@
 # `make install PREFIX=...` installs both flavours, `make docs` builds the HTML reference.
 # Each target installs the build tools it is missing first (scripts/ensure-deps.sh).
 JOBS      ?= 2
+FUZZ_SECONDS ?= 60
 FLAVOURS  := 32 64
 PREFIX    ?= /usr/local
 export JOBS
 
-.PHONY: all deps build test demo bench install docs clean
+.PHONY: all deps build test demo bench install docs fuzz clean
 
 all: build
 
@@ -24,6 +25,10 @@ demo:
 	@scripts/ensure-deps.sh demo
 	@scripts/build.sh 64 zepclient zepgw demo
 	@scripts/run-demo.sh build/64
+
+# Every libFuzzer target of fuzz/ for FUZZ_SECONDS seconds, built with clang in build/fuzz.
+fuzz:
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/run-fuzz.sh
 
 # Not part of test: a few minutes of measurement on the 64-bit build (BENCH_QUICK=1 for a short run).
 bench: deps

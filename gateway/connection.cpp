@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <chrono>
 #include <poll.h>
+#include <random>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,6 +24,13 @@ constexpr std::chrono::seconds kDrainLimit(5);
 constexpr size_t kInputBuffer = 16 * 1024;
 // Replies held back beyond this are written at once.
 constexpr size_t kHeldLimit = 64 * 1024;
+
+// A random hold of 0 to maxMs milliseconds; each reader thread draws from its own generator.
+std::chrono::milliseconds jitter(int maxMs)
+{
+    thread_local std::minstd_rand generator{std::random_device{}()};
+    return std::chrono::milliseconds(std::uniform_int_distribution<int>(0, maxMs)(generator));
+}
 
 // Reads at least min and at most max bytes; returns fewer than min only at
 // end of stream or on an error.
@@ -264,7 +272,12 @@ void Connection::perform(const Message& m, const EciRequest& q, const Outcome& o
     std::string result = "rc " + std::to_string(o.reply.returnCode);
     switch (o.action) {
     case Action::Reply:
-        reply(answer);
+        if (context_.options.jitterMs > 0) {
+            std::shared_ptr<Connection> self = shared_from_this();
+            context_.scheduler.after(jitter(context_.options.jitterMs), [self, answer] { self->reply(answer); });
+        } else {
+            reply(answer);
+        }
         break;
     case Action::Delay: {
         std::shared_ptr<Connection> self = shared_from_this();

@@ -33,6 +33,9 @@ const char kHelp[] =
     "                      empty lines are skipped.\n"
     "  --exit-on-stdin-eof exit (status 0) when standard input reaches its end, so\n"
     "                      that zepgw ends with the process that feeds it.\n"
+    "  --jitter MS         hold every ECI reply that would go out at once for a\n"
+    "                      random 0 to MS milliseconds, so that replies overtake\n"
+    "                      one another (for stress tests).\n"
     "  -v                  log one line per request on standard error.\n"
     "  -h, --help          show this text.\n"
     "  --version           show zepgw's version.\n"
@@ -138,6 +141,7 @@ const ValueOption kValueOptions[] = {
     {"--ping", nullptr, &Options::pingSeconds, 1, 86400},
     {"--systems", &Options::systemsFile, nullptr, 0, 0},
     {"--users", &Options::usersFile, nullptr, 0, 0},
+    {"--jitter", nullptr, &Options::jitterMs, 0, 10000},
 };
 
 const ValueOption* findValueOption(const std::string& name)

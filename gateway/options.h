@@ -14,6 +14,7 @@ struct Options {
     std::string usersFile;
     bool verbose = false;
     bool exitOnStdinEof = false;
+    int jitterMs = 0;         // 0: replies go out at once
 };
 
 enum class ParseResult { Run, Help, Version, Error };

@@ -4,6 +4,7 @@
 #   test     also 32-bit multilib support and the GoogleTest sources (built for each flavour); the default
 #   install  also pkg-config, which the installed files are checked with
 #   docs     doxygen, for the HTML reference
+#   fuzz     also clang and its runtime (libFuzzer and the sanitizers), for make fuzz
 # As root it installs what is missing and says so; otherwise it prints the command.
 set -euo pipefail
 
@@ -30,6 +31,10 @@ if [ "$need" = test ] || [ "$need" = install ]; then
 fi
 if [ "$need" = install ]; then
     have pkg-config || missing+=(pkg-config)
+fi
+if [ "$need" = fuzz ]; then
+    have clang++ || missing+=(clang)
+    ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 || missing+=(libclang-rt-dev)
 fi
 
 [ ${#missing[@]} -eq 0 ] && exit 0

@@ -340,10 +340,13 @@ static int readEciReply(Receiver* r, RequestSlot* slot)
     reply.extendMode = slot->request.eci_extend_mode;
     reply.channel = slot->request.eci_channel;
     reply.commareaCapacity = slot->replyAreaLength;
+    reply.growableArea = slot->request.eci_call_type == ECI_ASYNC;
     /* The request holds the channel; its serlock keeps a dump from walking containers the reply changes. */
     if (reply.channel != NULL) clapiRequestLock(&reply.channel->serlock);
     int rc = clapiReadECIResponse(&r->sb, &reply);
     if (reply.channel != NULL) clapiReleaseLock(&reply.channel->serlock);
+    slot->request.eci_commarea = reply.commarea;   /* an asynchronous reply may have moved to a larger buffer */
+    slot->replyAreaLength = reply.commareaCapacity;
     if (rc != 0) return rc;
     memcpy(slot->request.eci_abend_code, reply.abendCode, sizeof reply.abendCode);
     slot->request.commarea_inbound_length = (int16_t)reply.inboundLength;

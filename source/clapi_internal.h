@@ -181,6 +181,8 @@ typedef struct EciRequest {
     int32_t        returnCode;
     /* Reply decoding only: bytes that reply data may occupy at `commarea`; what does not fit is dropped. */
     uint32_t       commareaCapacity;
+    /* Reply decoding only: `commarea` is the library's own buffer, which grows to hold a longer reply. */
+    bool           growableArea;
 } EciRequest;
 
 #define ESI_KIND_VERIFY 0

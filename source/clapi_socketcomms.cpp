@@ -309,14 +309,18 @@ static Container* findContainer(Channel* channel, const char* name, Container** 
     return NULL;
 }
 
-/* Reads container data into `block`; on failure whatever arrived is wiped. */
-static int readContainerData(SocketBuffer* sb, uint8_t* block, unsigned long length, int excId, int dataId)
+/* A data length that the rest of the message cannot hold is refused before anything is allocated for it. */
+static int checkDataFits(const SocketBuffer* sb, unsigned long length, int excId)
 {
     unsigned long long left = (unsigned long long)sb->bytesInBuffer + sb->bytesRemaining;
-    if (length > left) {
-        TRACE_EXC(excId, "Container data length %lu exceeds the %llu bytes left in the message\n", length, left);
-        return ZEP_ERR_SYSTEM_ERROR;
-    }
+    if (length <= left) return 0;
+    TRACE_EXC(excId, "Container data length %lu exceeds the %llu bytes left in the message\n", length, left);
+    return ZEP_ERR_SYSTEM_ERROR;
+}
+
+/* Reads container data into `block`; on failure whatever arrived is wiped. */
+static int readContainerData(SocketBuffer* sb, uint8_t* block, unsigned long length, int dataId)
+{
     readBytes(sb, block, (uint32_t)length);
     int rc = readFailure(sb);
     if (rc != 0) {
@@ -332,15 +336,15 @@ int addContainer(SocketBuffer* sb, Channel* channel, Container* record)
 {
     TRACE_ENTRY(3223, "clapi_socketcomms.addContainer(sockBuffer=%p, channel=%p, record=%p)\n", (void*)sb,
                 (void*)channel, (void*)record);
-    int rc = 0;
+    int rc = checkDataFits(sb, record->dataLength, 3224);
     uint8_t* data = NULL;
-    if (record->dataLength != 0) {
+    if (rc == 0 && record->dataLength != 0) {
         data = (uint8_t*)malloc(record->dataLength);
         if (data == NULL) {
             TRACE_EXC(3224, "Failed to allocate %lu bytes for container data\n", record->dataLength);
             rc = ZEP_ERR_MALLOCFAIL;
         } else {
-            rc = readContainerData(sb, data, record->dataLength, 3224, 3225);
+            rc = readContainerData(sb, data, record->dataLength, 3225);
             if (rc != 0) free(data);   /* readContainerData has wiped whatever arrived */
         }
     }
@@ -427,9 +431,14 @@ int modifyContainer(SocketBuffer* sb, Channel* channel, Container* record)
         rc = ZEP_ERR_SYSTEM_ERROR;
     } else {
         bool keepsOldData = record->dataLength == container->dataLength;
-        rc = resizeContainerData(container, record->dataLength);
+        rc = checkDataFits(sb, record->dataLength, 3233);
+        if (rc == 0) {
+            rc = resizeContainerData(container, record->dataLength);
+        } else {
+            resizeContainerData(container, 0);   /* the old data go, wiped, as for any failed change */
+        }
         if (rc == 0 && record->dataLength != 0) {
-            rc = readContainerData(sb, container->dataPtr, record->dataLength, 3233, 3235);
+            rc = readContainerData(sb, container->dataPtr, record->dataLength, 3235);
             if (rc != 0) {
                 /* A reused block still holds the old data; a new one only what readContainerData wiped. */
                 if (keepsOldData) {
@@ -648,15 +657,39 @@ int clapiFlowECIRequest(int socketDesc, FlowHeader* header, EciRequest* request)
     return rc;
 }
 
+/* The most a COMMAREA length can say; a library reply buffer never grows beyond it. */
+static const uint32_t REPLY_AREA_MAX = 32767;
+
+/*
+ * A library-owned reply area takes a longer reply whole, up to REPLY_AREA_MAX, so that the caller can be told
+ * its length and ask again. When the larger block cannot be had the old one stays and the excess is dropped.
+ */
+static void growReplyArea(EciRequest* request, uint32_t wanted)
+{
+    uint32_t size = wanted < REPLY_AREA_MAX ? wanted : REPLY_AREA_MAX;
+    if (!request->growableArea || request->commarea == NULL || size <= request->commareaCapacity) return;
+    void* larger = calloc(1, size);
+    if (larger == NULL) {
+        TRACE_EXC(3249, "Failed to allocate %lu bytes for a reply of %lu bytes\n", (unsigned long)size,
+                  (unsigned long)wanted);
+        return;
+    }
+    clapiZeroFree(request->commarea, request->commareaCapacity);
+    request->commarea = larger;
+    request->commareaCapacity = size;
+}
+
 /*
  * Reads dataLength reply bytes into the reply area, never past its capacity, and zero-fills the area up to
- * fillTo. What does not fit is read and dropped so that the stream stays in step.
+ * fillTo. What does not fit is read and dropped so that the stream stays in step. True when the reply did not
+ * fit: data or zero fill beyond the capacity of a caller's area, or data beyond what a library buffer can hold.
  */
-static void readReplyData(SocketBuffer* sb, EciRequest* request, int32_t dataLength, int32_t fillTo)
+static bool readReplyData(SocketBuffer* sb, EciRequest* request, int32_t dataLength, int32_t fillTo)
 {
+    uint32_t wanted = (uint32_t)dataLength;
+    growReplyArea(request, wanted);
     uint8_t* area = (uint8_t*)request->commarea;
     uint32_t capacity = area != NULL ? request->commareaCapacity : 0;
-    uint32_t wanted = (uint32_t)dataLength;
     uint32_t stored = wanted < capacity ? wanted : capacity;
     if (stored > 0) readBytes(sb, area, stored);
     if (wanted > stored) {
@@ -667,6 +700,7 @@ static void readReplyData(SocketBuffer* sb, EciRequest* request, int32_t dataLen
     uint32_t fillEnd = nonNegative(fillTo) < capacity ? nonNegative(fillTo) : capacity;
     if (fillEnd > stored) memset(area + stored, 0, fillEnd - stored);
     request->inboundLength = (int32_t)stored;
+    return wanted > stored || (!request->growableArea && nonNegative(fillTo) > capacity);
 }
 
 static int badReplyLength(int32_t commareaLength, int32_t dataLength)
@@ -695,7 +729,9 @@ static int readProgramReply(SocketBuffer* sb, EciRequest* request)
     if (isDataless(request->extendMode)) {
         skipBytes(sb, (uint32_t)dataLength);
     } else {
-        readReplyData(sb, request, dataLength, request->commareaLength);
+        bool overflowed = readReplyData(sb, request, dataLength, request->commareaLength);
+        /* Part of a reply is not a reply: the caller must not take a cut area for a whole one. */
+        if (overflowed && request->returnCode == 0) request->returnCode = ECI_ERR_INVALID_DATA_LENGTH;
     }
     if (readByte(sb) != 0) rc = readReplyChannel(sb, request->channel);
     return rc;
@@ -709,7 +745,7 @@ static int readSystemsReply(SocketBuffer* sb, EciRequest* request)
     int rc = readFailure(sb);
     if (rc != 0) return rc;
     if (request->commareaLength < 0) return badReplyLength(request->commareaLength, request->commareaLength);
-    readReplyData(sb, request, request->commareaLength, 0);
+    (void)readReplyData(sb, request, request->commareaLength, 0);
     return 0;
 }
 

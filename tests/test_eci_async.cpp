@@ -228,7 +228,7 @@ TEST(EciAsync, FailedReplyLeavesTheCommareaUntouched)
     }
 }
 
-TEST(EciAsync, InboundLengthSizesTheLibraryBuffer)
+TEST(EciAsync, LongerReplyThanTheLibraryBufferIsKeptWhole)
 {
     GatewayConnection conn;
     ASSERT_TRUE(conn.ok());
@@ -238,11 +238,15 @@ TEST(EciAsync, InboundLengthSizesTheLibraryBuffer)
     parms.commarea_inbound_length = 100;   // capped at the 40 bytes of the area
     ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
 
-    char reply[40];
-    EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+    // The reply is 100 bytes longer than the area: it is kept whole until an area that fits asks for it.
+    char reply[140];
+    EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, 40);
+    ASSERT_EQ(ECI_ERR_INVALID_DATA_LENGTH, ZEP_ECI_Execute(conn.token(), &collect));
+    ASSERT_EQ(140, copyOf(collect.eci_commarea_length));
+    collect = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
     ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &collect));
-    EXPECT_EQ(40, copyOf(collect.commarea_inbound_length));
-    EXPECT_EQ(0, memcmp(request, reply, sizeof reply));
+    EXPECT_EQ(140, copyOf(collect.commarea_inbound_length));
+    EXPECT_EQ(0, memcmp(request, reply, sizeof request));
 }
 
 TEST(EciAsync, ClosingTokenWithOutstandingRequestStillDeliversIt)

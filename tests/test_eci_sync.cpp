@@ -107,7 +107,7 @@ TEST(EciSync, OversizeReplyLeavesTheByteAfterTheAreaUntouched)
     memcpy(buffer, "oversize", 8);
     memset(buffer + 8, '.', 56);
     EciParms parms = eciBlock(ECI_SYNC, "OVERSIZE", buffer, 64);
-    EXPECT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
+    EXPECT_EQ(ECI_ERR_INVALID_DATA_LENGTH, ZEP_ECI_Execute(conn.token(), &parms));
     EXPECT_EQ(0, memcmp(buffer, "oversize", 8));
     for (size_t i = 64; i < sizeof buffer; ++i) ASSERT_EQ(static_cast<char>(0xEE), buffer[i]) << "byte " << i;
 
