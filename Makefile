@@ -2,7 +2,7 @@
 JOBS      ?= 2
 FLAVOURS  := 32 64
 
-.PHONY: all deps build test demo clean configure
+.PHONY: all deps build test demo clean configure coverage
 
 all: build
 
@@ -22,6 +22,10 @@ test: build
 	  echo "== $$f-bit flavour =="; \
 	  ctest --test-dir build/$$f --output-on-failure -j$(JOBS) || exit 1; \
 	done
+
+# Line and branch coverage of the library and zepgw (64-bit, build/coverage); fails below the floors.
+coverage:
+	@scripts/coverage.sh
 
 demo: build
 	@scripts/run-demo.sh build/64

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Makes sure the build tools are here: g++ with 32-bit multilib support, cmake, and the GoogleTest sources
-# (built from source for each flavour). As root it installs what is missing; otherwise it prints the command.
+# (built from source for each flavour); with --coverage also gcovr. As root it installs what is missing;
+# otherwise it prints the command.
 set -euo pipefail
 
 missing=()
@@ -8,6 +9,9 @@ command -v cmake >/dev/null 2>&1 || missing+=(cmake)
 command -v g++ >/dev/null 2>&1 || missing+=(g++)
 command -v make >/dev/null 2>&1 || missing+=(make)
 [ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
+if [ "${1:-}" = --coverage ]; then
+  command -v gcovr >/dev/null 2>&1 || missing+=(gcovr)
+fi
 probe_dir=$(mktemp -d)
 trap 'rm -rf "$probe_dir"' EXIT
 echo 'int main(void) { return 0; }' > "$probe_dir/probe.c"
