@@ -7,7 +7,7 @@
 #include <string>
 
 #include "clapi_internal.h"
-#include "eci_test_support.h"
+#include "library_support.h"
 #include "trace_capture.h"
 
 namespace {
@@ -50,18 +50,6 @@ TEST(EciSync, ProgramsTransformTheCommareaAndReturnTheirCodes)
         EXPECT_EQ(std::string(c.output), std::string(area, n));
         EXPECT_EQ(0, memcmp(c.abend, parms.eci_abend_code, 4));
     }
-}
-
-TEST(EciSync, ShorterReplyIsZeroFilledToTheCommareaLength)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    char area[100];
-    for (size_t i = 0; i < sizeof area; ++i) area[i] = static_cast<char>('A' + i % 26);
-    EciParms parms = eciBlock(ECI_SYNC, "SHORT", area, sizeof area);
-    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
-    EXPECT_EQ("ABCDEFGHIJKLMNOPQRST", std::string(area, 20));
-    for (size_t i = 20; i < sizeof area; ++i) ASSERT_EQ(0, area[i]) << "byte " << i;
 }
 
 struct LengthCase {
@@ -290,28 +278,6 @@ TEST(EciSync, EsiReplyToAnEciRequestNeverWritesTheDetailsOfAnEarlierEsiCaller)
         ASSERT_EQ(0xAB, reinterpret_cast<const uint8_t*>(&details)[i]) << "byte " << i;
     gateway.hangUp();
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
-}
-
-TEST(EciSync, FrameChecksAndRegistration)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    TraceCapture trace(1);
-    char area[8] = "x";
-    EciParms parms = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
-
-    EXPECT_EQ(ZEP_ERR_NULLGWTOK, ZEP_ECI_Execute(nullptr, &parms));
-    EXPECT_TRUE(trace.has(1501, "API.ZEP_ECI_Execute() NULL gateway token, gwTok=(nil)"));
-    EXPECT_EQ(ZEP_ERR_NULLECIPOINTER, ZEP_ECI_Execute(conn.token(), nullptr));
-    EXPECT_TRUE(trace.has(1502, "API.ZEP_ECI_Execute() NULL Eci Parameter, EciParms=(nil)"));
-    EXPECT_EQ(0, conn.token()->apiCalls);   // the registration was undone
-
-    GatewayToken* stranger = reinterpret_cast<GatewayToken*>(area);
-    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_ECI_Execute(stranger, &parms));
-
-    parms.eci_version = 2;
-    EXPECT_EQ(ECI_ERR_INVALID_VERSION, ZEP_ECI_Execute(conn.token(), &parms));
-    EXPECT_EQ(0, conn.token()->apiCalls);
 }
 
 }  // namespace

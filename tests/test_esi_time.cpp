@@ -91,17 +91,6 @@ TEST(EsiTime, YearZeroIsUnsetAndZeroesTheResult)
     EXPECT_EQ(0, memcmp(&zero, &out, sizeof out));
 }
 
-TEST(EsiTime, NullPointersChangeNothing)
-{
-    EsiTime in = {2024, 1, 29, 0, 0, 0, 0};
-    struct tm out;
-    memset(&out, 0x5A, sizeof out);
-    struct tm before = out;
-    EXPECT_EQ(&out, ZEP_ESI_convertTime(nullptr, &out));
-    EXPECT_EQ(0, memcmp(&before, &out, sizeof out));
-    EXPECT_EQ(nullptr, ZEP_ESI_convertTime(&in, nullptr));
-}
-
 TEST(EsiTime, MonthOutsideTheYearLeavesTheResultAloneAndIsTraced)
 {
     const int months[] = {-1, 12, 1000000, -2147483647 - 1};
@@ -128,23 +117,6 @@ TEST(EsiTime, LeapYears)
         int leap;
     } years[] = {{1900, 0}, {2000, 1}, {2023, 0}, {2024, 1}, {2100, 0}, {2400, 1}, {0, 1}, {-4, 1}, {1, 0}};
     for (const auto& y : years) EXPECT_EQ(y.leap, isLeapYear(y.year)) << y.year;
-}
-
-TEST(EsiTime, TraceRecords)
-{
-    TraceCapture trace(4);
-    EsiTime in = {2024, 1, 29, 12, 30, 45, 0};
-    struct tm out;
-    ZEP_ESI_convertTime(&in, &out);
-
-    char entry[128];
-    snprintf(entry, sizeof entry, "API.ZEP_ESI_convertTime(esiTime=%p, result=%p)", (void*)&in, (void*)&out);
-    EXPECT_TRUE(trace.has(1813, entry));
-    EXPECT_TRUE(trace.has(1814, "API.ZEP_ESI_convertTime() tm members year=124, month=1, day=29, hour=12, min=30, "
-                                "sec=45, wday=4, yday=60"));
-    std::vector<TraceRecord> exits = trace.find(1815);
-    ASSERT_EQ(1u, exits.size());
-    EXPECT_EQ("EXIT", exits[0].type);
 }
 
 }  // namespace
