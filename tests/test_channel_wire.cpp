@@ -288,3 +288,23 @@ TEST(ChannelRead, ReplyChannelLandsInTheRequestsChannel)
 }
 
 }  // namespace
+
+TEST(ChannelRead, ChannelInAReplyWithoutARequestChannelIsReadAndDropped)
+{
+    SocketPair pair;
+    EciRequest request;
+    memset(&request, 0, sizeof request);
+    Wire reply;
+    reply.i32(1).i32(0).i32(0).i32(0).text("    ").i32(0).u8(0).u8(0xFF);
+    reply.raw(section("STRAY", 0, 2).b);
+    record(reply, "ONE", 1, ECI_BIT, 0, 3, "one");
+    record(reply, "TWO", 1, ECI_BIT, 0, 0);
+    pair.feed(reply.b);
+    pair.feed(Wire().i32(0x0BADF00D).b);
+    ReadBuffer in(pair.lib, (uint32_t)reply.b.size());
+    EXPECT_EQ(0, clapiReadECIResponse(&in.sb, &request));
+    EXPECT_EQ(0u, in.sb.bytesRemaining);
+    EXPECT_EQ(0u, in.sb.bytesInBuffer);
+    ASSERT_EQ(0, initReadBuffer(&in.sb, pair.lib, 4));
+    EXPECT_EQ(0x0BADF00D, readInt(&in.sb));
+}

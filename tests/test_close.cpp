@@ -329,3 +329,16 @@ TEST_F(Close, DescriptorOfAnEndedConnectionStaysTakenUntilTheTokenIsFreed)
 }
 
 }  // namespace
+
+TEST_F(Close, PurgeTimeLimitAbove3600ComparedUnsigned)
+{
+    GatewayToken* tok = open();
+    TraceCapture trace(1);
+    EXPECT_EQ(ZEP_ERR_INVALIDTIMEOUTPARM, ZEP_purgeGatewayConnection(&tok, 3601));
+    EXPECT_EQ(ZEP_ERR_INVALIDTIMEOUTPARM, ZEP_purgeGatewayConnection(&tok, static_cast<unsigned int>(-1)));
+    EXPECT_TRUE(trace.has(1083, "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=3601"));
+    EXPECT_TRUE(trace.has(1083, "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=-1"));
+    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 3600));
+    EXPECT_EQ(nullptr, tok);
+}

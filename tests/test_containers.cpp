@@ -498,3 +498,15 @@ TEST_F(Containers, EveryArgumentCheckInOrder)
 }
 
 }  // namespace
+
+TEST_F(Containers, EmptyChannelHasNoFirstAndNoNext)
+{
+    Channel* chan = newChannel("NONE");
+    TraceCapture trace(4);
+    ContainerInfo info;
+    EXPECT_EQ(ECI_getFirstContainer(chan, &info), ECI_ERR_ENDOFCONTAINERS);
+    EXPECT_EQ(ECI_getNextContainer(chan, &info), ECI_ERR_ENDOFCONTAINERS);
+    EXPECT_EQ(onlyRecord(trace, 1373), "DEBUG API.ECI_getFirstContainer() Channel \"NONE\" has no containers");
+    EXPECT_EQ(onlyRecord(trace, 1382), "DEBUG API.ECI_getNextContainer() Channel \"NONE\" has no containers");
+    EXPECT_EQ(chan->isLocked, 0);   /* released after the failure */
+}

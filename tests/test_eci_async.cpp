@@ -422,3 +422,24 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
 }
 
 }  // namespace
+
+TEST(EciAsync, WaitForAnyReplyWithNothingOutstandingEndsWhenTheConnectionIsLost)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    GatewayToken* tok = conn.token();
+    TraceCapture trace(4);
+    auto waiter = std::async(std::launch::async, [tok] {
+        char reply[8];
+        EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+        return ZEP_ECI_Execute(tok, &parms);
+    });
+    // The collector is asleep on the reply event before the Gateway goes away.
+    const std::string sleeping = "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
+    ASSERT_TRUE(pollUntil([&] { return trace.has(3119, sleeping); }));
+    char area[8] = "x";
+    EciParms drop = eciBlock(ECI_SYNC, "DROP", area, sizeof area);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &drop));
+    ASSERT_EQ(std::future_status::ready, waiter.wait_for(seconds(5)));
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, waiter.get());
+}

@@ -281,3 +281,25 @@ TEST(EciSync, EsiReplyToAnEciRequestNeverWritesTheDetailsOfAnEarlierEsiCaller)
 }
 
 }  // namespace
+
+TEST(EciSync, FrameChecksAndRegistration)
+{
+    GatewayConnection conn;
+    ASSERT_TRUE(conn.ok());
+    TraceCapture trace(1);
+    char area[8] = "x";
+    EciParms parms = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
+
+    EXPECT_EQ(ZEP_ERR_NULLGWTOK, ZEP_ECI_Execute(nullptr, &parms));
+    EXPECT_TRUE(trace.has(1501, "API.ZEP_ECI_Execute() NULL gateway token, gwTok=(nil)"));
+    EXPECT_EQ(ZEP_ERR_NULLECIPOINTER, ZEP_ECI_Execute(conn.token(), nullptr));
+    EXPECT_TRUE(trace.has(1502, "API.ZEP_ECI_Execute() NULL Eci Parameter, EciParms=(nil)"));
+    EXPECT_EQ(0, conn.token()->apiCalls);   // the registration was undone
+
+    GatewayToken* stranger = reinterpret_cast<GatewayToken*>(area);
+    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_ECI_Execute(stranger, &parms));
+
+    parms.eci_version = 2;
+    EXPECT_EQ(ECI_ERR_INVALID_VERSION, ZEP_ECI_Execute(conn.token(), &parms));
+    EXPECT_EQ(0, conn.token()->apiCalls);
+}

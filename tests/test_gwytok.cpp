@@ -182,3 +182,29 @@ TEST(TokenCreation, FirstTokenAfterTheListEmptiedChainsAtTheHead)
 }
 
 }  // namespace
+
+TEST_F(TokenList, DumpOfAnEmptyList)
+{
+    trace->clear();
+    EXPECT_EQ(0, clapiDumpGatewayTokens());
+    auto lines = trace->lines();
+    std::vector<std::string> plain;
+    for (const std::string& line : lines) {
+        TraceRecord record;
+        if (!TraceCapture::parseRecord(line, &record)) plain.push_back(line);
+    }
+    EXPECT_EQ((std::vector<std::string>{"Gateway Token List dump", RULE, "The Gateway Token List is EMPTY", RULE}), plain);
+    EXPECT_TRUE(trace->has(2039, "clapi_gwytok.clapiDumpGatewayTokens() List length=0"));
+}
+
+TEST(StateDump, WritesAtAnyLevelWithoutPrefix)
+{
+    TraceCapture trace(0);
+    EXPECT_EQ(0, ZEP_dumpState());
+    auto lines = trace.lines();
+    ASSERT_GE(lines.size(), 5u) << trace.text();
+    EXPECT_EQ("zepclient state dump: DLL Version=9.1.0.4 Trace Level=0 clientAPITraceFile=" + trace.path(), lines[0]);
+    EXPECT_EQ("Gateway Token List dump", lines[1]);
+    EXPECT_EQ("The Gateway Token List is EMPTY", lines[3]);
+    EXPECT_TRUE(trace.records().empty());
+}

@@ -396,3 +396,12 @@ TEST(SocketBufferWait, DescriptorThatIsNotOpenFailsTheWaitAndTheBuffer)
 }
 
 }  // namespace
+
+TEST(SocketBufferInit, FreeingAZeroedBufferIsRefused)
+{
+    TraceCapture trace(1);
+    SocketBuffer sb;
+    memset(&sb, 0, sizeof sb);
+    EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, freeBuffer(&sb));
+    EXPECT_EQ(std::vector<std::string>({"*EXC* Buffer not initialized: " + pointerText(&sb)}), recordTexts(trace, 2517));
+}

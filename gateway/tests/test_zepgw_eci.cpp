@@ -339,3 +339,16 @@ TEST_F(ZepgwEci, UnknownKindIsRefusedWithErrorFlow)
 }
 
 }  // namespace
+
+TEST_F(ZepgwEci, ChannelProgramsWithoutChannelAbend)
+{
+    start();
+    for (const char* program : {"CHANNEL ", "CHANBAD "}) {
+        EciCall call;
+        call.program = program;
+        call.commarea = ascii("abc");
+        EXPECT_EQ(toHex(exchange(call)),
+                  toHex(replyPayload(1, 0, -7, "ZNCH", 3, hex("00"), ascii("abc"))))
+            << program;
+    }
+}
