@@ -342,3 +342,15 @@ TEST_F(Close, PurgeTimeLimitAbove3600ComparedUnsigned)
     EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 3600));
     EXPECT_EQ(nullptr, tok);
 }
+
+TEST_F(Close, PurgeReturnsAsSoonAsTheWorkEnds)
+{
+    GatewayToken* tok = open();
+    BackgroundCall delayed(tok, "DELAY", "300");
+    ASSERT_TRUE(awaitRequestsLogged(gw, "DELAY", 1));
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 60));
+    EXPECT_LT(secondsSince(start), 10.0);
+    EXPECT_EQ(0, delayed.result());
+    EXPECT_EQ(0, memcmp(delayed.area(), "300", 3));
+}

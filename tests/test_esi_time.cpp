@@ -120,3 +120,31 @@ TEST(EsiTime, LeapYears)
 }
 
 }  // namespace
+
+TEST(EsiTime, NullPointersChangeNothing)
+{
+    EsiTime in = {2024, 1, 29, 0, 0, 0, 0};
+    struct tm out;
+    memset(&out, 0x5A, sizeof out);
+    struct tm before = out;
+    EXPECT_EQ(&out, ZEP_ESI_convertTime(nullptr, &out));
+    EXPECT_EQ(0, memcmp(&before, &out, sizeof out));
+    EXPECT_EQ(nullptr, ZEP_ESI_convertTime(&in, nullptr));
+}
+
+TEST(EsiTime, TraceRecords)
+{
+    TraceCapture trace(4);
+    EsiTime in = {2024, 1, 29, 12, 30, 45, 0};
+    struct tm out;
+    ZEP_ESI_convertTime(&in, &out);
+
+    char entry[128];
+    snprintf(entry, sizeof entry, "API.ZEP_ESI_convertTime(esiTime=%p, result=%p)", (void*)&in, (void*)&out);
+    EXPECT_TRUE(trace.has(1813, entry));
+    EXPECT_TRUE(trace.has(1814, "API.ZEP_ESI_convertTime() tm members year=124, month=1, day=29, hour=12, min=30, "
+                                "sec=45, wday=4, yday=60"));
+    std::vector<TraceRecord> exits = trace.find(1815);
+    ASSERT_EQ(1u, exits.size());
+    EXPECT_EQ("EXIT", exits[0].type);
+}

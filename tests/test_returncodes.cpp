@@ -177,3 +177,22 @@ TEST(ReturnCodes, CopyFillsExactlyFortyBytes) {
     for (size_t i = nameLength; i < 40; ++i) EXPECT_EQ(0, buffer[i]) << "byte " << i;
     for (size_t i = 40; i < sizeof buffer; ++i) EXPECT_EQ(0xAA, buffer[i]) << "byte " << i;
 }
+
+TEST(ReturnCodes, NullBufferReturnsNull) {
+    EXPECT_EQ(nullptr, ZEP_getRcString(0, nullptr));
+    EXPECT_EQ(nullptr, ZEP_getRcString(-101, nullptr));
+}
+
+TEST(ReturnCodes, GetRcStringRecords) {
+    TraceCapture trace(3);
+    char buffer[40];
+    ZEP_getRcString(-101, buffer);
+    ZEP_getRcString(-25, nullptr);
+    char expected[96];
+    snprintf(expected, sizeof expected, "API.ZEP_getRcString(rc=-101, rcString=%p)", static_cast<void*>(buffer));
+    EXPECT_TRUE(trace.has(1062, expected));
+    EXPECT_TRUE(trace.has(1063, "API.ZEP_getRcString() rcString=ZEP_ERR_BADGWTOK"));
+    snprintf(expected, sizeof expected, "API.ZEP_getRcString(rc=-25, rcString=%p)", nullptr);
+    EXPECT_TRUE(trace.has(1062, expected));
+    EXPECT_TRUE(trace.has(1063, "API.ZEP_getRcString() rcString=NULL"));
+}
