@@ -7,7 +7,7 @@ FLAVOURS  := 32 64
 PREFIX    ?= /usr/local
 export JOBS
 
-.PHONY: all deps build test demo bench install docs fuzz clean
+.PHONY: all deps build test demo bench install docs fuzz coverage clean
 
 all: build
 
@@ -25,6 +25,10 @@ demo:
 	@scripts/ensure-deps.sh demo
 	@scripts/build.sh 64 zepclient zepgw demo
 	@scripts/run-demo.sh build/64
+
+# Line and branch coverage of the library and zepgw (64-bit, build/coverage); fails below the floors.
+coverage:
+	@scripts/coverage.sh
 
 # Every libFuzzer target of fuzz/ for FUZZ_SECONDS seconds, built with clang in build/fuzz.
 fuzz:

@@ -4,6 +4,7 @@
 #   test     also 32-bit multilib support and the GoogleTest sources (built for each flavour); the default
 #   install  also pkg-config, which the installed files are checked with
 #   docs     doxygen, for the HTML reference
+#   coverage also gcovr, for make coverage
 #   fuzz     also clang and its runtime (libFuzzer and the sanitizers), for make fuzz
 # As root it installs what is missing and says so; otherwise it prints the command.
 set -euo pipefail
@@ -19,7 +20,7 @@ else
     have g++ || missing+=(g++)
     have make || missing+=(make)
 fi
-if [ "$need" = test ] || [ "$need" = install ]; then
+if [ "$need" = test ] || [ "$need" = install ] || [ "$need" = coverage ]; then
     [ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
     probe_dir=$(mktemp -d)
     trap 'rm -rf "$probe_dir"' EXIT
@@ -35,6 +36,9 @@ fi
 if [ "$need" = fuzz ]; then
     have clang++ || missing+=(clang)
     ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 || missing+=(libclang-rt-dev)
+fi
+if [ "$need" = coverage ]; then
+    have gcovr || missing+=(gcovr)
 fi
 
 [ ${#missing[@]} -eq 0 ] && exit 0

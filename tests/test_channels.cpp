@@ -1,5 +1,5 @@
 /* Channels: creation, names, the channel list and its dump, deletion and the channel lock. */
-#include "channel_test_support.h"
+#include "library_support.h"
 
 #include <stdarg.h>
 #include <string.h>
@@ -38,30 +38,6 @@ TEST_F(Channels, ShortNameIsPaddedAndTheWhole17BytesAreCleared)
     EXPECT_EQ(buffer[17], 'x');
 }
 
-TEST_F(Channels, NewChannelHasNoCcsidAndNoContainers)
-{
-    TraceCapture trace(2);
-    Channel* chan = newChannel("FRESH");
-    EXPECT_EQ(onlyRecord(trace, 1305), "EVENT API.ECI_createChannel() New channel \"FRESH\" created (" + hexPtr(chan) + ")");
-    ASSERT_EQ(ZEP_ECI_dumpChannels(), 0);
-    std::vector<std::string> lines = trace.lines();
-    auto entry = std::find_if(lines.begin(), lines.end(),
-                              [](const std::string& l) { return l.rfind("Channel list entry -0001- : ", 0) == 0; });
-    ASSERT_NE(entry, lines.end());
-    EXPECT_NE(entry->find(" isLocked(0) ccsid(-1) numContainers(0) nextChannel((nil)) firstCont((nil)) "
-                          "currentCont((nil))"),
-              std::string::npos)
-        << *entry;
-}
-
-TEST_F(Channels, DumpOfTheEmptyListIsFourLines)
-{
-    TraceCapture trace(0);
-    EXPECT_EQ(ZEP_ECI_dumpChannels(), 0);
-    std::vector<std::string> expected = {"Channel and container dump", rule, "The channel list is EMPTY", rule};
-    EXPECT_EQ(trace.lines(), expected);
-}
-
 TEST_F(Channels, DumpShowsChannelsNewestFirstWithTheirContainers)
 {
     Channel* older = newChannel("CHANA");
@@ -96,17 +72,6 @@ TEST_F(Channels, DumpShowsChannelsNewestFirstWithTheirContainers)
     EXPECT_EQ(trace.lines(), expected);
 }
 
-TEST_F(Channels, DumpShowsAHeldChannelAsLocked)
-{
-    Channel* chan = newChannel("HELD");
-    ASSERT_EQ(lockChannel(chan), 0);
-    TraceCapture trace(0);
-    EXPECT_EQ(ZEP_ECI_dumpChannels(), 0);
-    ASSERT_EQ(trace.lines().size(), 5u);
-    EXPECT_NE(trace.lines()[2].find(" isLocked(1) "), std::string::npos) << trace.lines()[2];
-    EXPECT_EQ(unlockChannel(chan), 0);
-}
-
 TEST_F(Channels, DeleteUnlinksFreesAndClearsTheToken)
 {
     Channel* first = newChannel("FIRST");
@@ -116,7 +81,7 @@ TEST_F(Channels, DeleteUnlinksFreesAndClearsTheToken)
     ASSERT_EQ(ECI_createContainer(middle, "EMPTY", ECI_BIT, 0, NULL, 0), 0);
     Container* empty = middle->firstCont;
     Container* data = empty->nextCont;
-    std::string dataBlock = hexPtr(data->dataPtr);
+    std::string dataBlock = pointerText(data->dataPtr);
     Channel* deleted = middle;
     TraceCapture trace(4);
     EXPECT_EQ(ECI_deleteChannel(&middle), 0);
@@ -125,12 +90,12 @@ TEST_F(Channels, DeleteUnlinksFreesAndClearsTheToken)
     EXPECT_EQ(onlyRecord(trace, 1420),
               "DEBUG API.ECI_deleteChannel() Freeing 5 bytes of container data (" + dataBlock + ")");
     std::vector<std::string> containers = {
-        "EVENT API.ECI_deleteChannel() Deleted container \"EMPTY\" (" + hexPtr(empty) + ")",
-        "EVENT API.ECI_deleteChannel() Deleted container \"DATA\" (" + hexPtr(data) + ")"};
+        "EVENT API.ECI_deleteChannel() Deleted container \"EMPTY\" (" + pointerText(empty) + ")",
+        "EVENT API.ECI_deleteChannel() Deleted container \"DATA\" (" + pointerText(data) + ")"};
     EXPECT_EQ(recordTexts(trace, 1421), containers);
     EXPECT_EQ(onlyRecord(trace, 1423),
-              "DEBUG API.ECI_deleteChannel() Released lock for channel " + hexPtr(deleted) + ", now deleting");
-    EXPECT_EQ(onlyRecord(trace, 1422), "EVENT API.ECI_deleteChannel() Deleted channel \"MIDDLE\" (" + hexPtr(deleted) + ")");
+              "DEBUG API.ECI_deleteChannel() Released lock for channel " + pointerText(deleted) + ", now deleting");
+    EXPECT_EQ(onlyRecord(trace, 1422), "EVENT API.ECI_deleteChannel() Deleted channel \"MIDDLE\" (" + pointerText(deleted) + ")");
     EXPECT_EQ(onlyRecord(trace, 1314), "EXIT API.ECI_deleteChannel() rc=0 (ECI_NO_ERROR)");
     EXPECT_EQ(ECI_deleteChannel(&last), 0);
     EXPECT_EQ(first->nextChannel, nullptr);
@@ -143,19 +108,19 @@ TEST_F(Channels, DeleteAllEmptiesTheList)
     Channel* a = newChannel("A");
     Channel* b = newChannel("B");
     ASSERT_EQ(ECI_createContainer(a, "BYTES", ECI_BIT, 0, "1234567", 7), 0);
-    std::string block = hexPtr(a->firstCont->dataPtr);
-    std::string container = hexPtr(a->firstCont);
+    std::string block = pointerText(a->firstCont->dataPtr);
+    std::string container = pointerText(a->firstCont);
     TraceCapture trace(4);
     EXPECT_EQ(ECI_deleteAllChannels(), 0);
     std::vector<std::string> destroyed = {
-        "DEBUG API.ECI_deleteAllChannels() Destroying event and lock for channel \"B\" (" + hexPtr(b) + ")",
-        "DEBUG API.ECI_deleteAllChannels() Destroying event and lock for channel \"A\" (" + hexPtr(a) + ")"};
+        "DEBUG API.ECI_deleteAllChannels() Destroying event and lock for channel \"B\" (" + pointerText(b) + ")",
+        "DEBUG API.ECI_deleteAllChannels() Destroying event and lock for channel \"A\" (" + pointerText(a) + ")"};
     EXPECT_EQ(recordTexts(trace, 1426), destroyed);
     EXPECT_EQ(onlyRecord(trace, 1427), "DEBUG API.ECI_deleteAllChannels() Freeing 7 bytes of container data (" + block + ")");
     EXPECT_EQ(onlyRecord(trace, 1317), "EVENT API.ECI_deleteAllChannels() Deleted container \"BYTES\" (" + container + ")");
     std::vector<std::string> channels = {
-        "EVENT API.ECI_deleteAllChannels() Deleted channel \"B\" (" + hexPtr(b) + ")",
-        "EVENT API.ECI_deleteAllChannels() Deleted channel \"A\" (" + hexPtr(a) + ")"};
+        "EVENT API.ECI_deleteAllChannels() Deleted channel \"B\" (" + pointerText(b) + ")",
+        "EVENT API.ECI_deleteAllChannels() Deleted channel \"A\" (" + pointerText(a) + ")"};
     EXPECT_EQ(recordTexts(trace, 1429), channels);
     EXPECT_EQ(onlyRecord(trace, 1430), "EXIT API.ECI_deleteAllChannels() rc=0 (ECI_NO_ERROR)");
     EXPECT_EQ(chanList, nullptr);
@@ -233,7 +198,8 @@ TEST_F(Channels, EveryArgumentCheckInOrder)
         EXPECT_EQ(c.call(chan, bogus.token()), c.rc);
         char excText[200];
         snprintf(excText, sizeof excText, c.excText, (void*)bogus.token());
-        std::vector<TraceRecord> records = takeRecords(trace);
+        std::vector<TraceRecord> records = trace.records();
+        trace.clear();
         std::vector<std::string> exceptions;
         for (const TraceRecord& r : records)
             if (r.type == "*EXC*" && r.id != 3104 && r.id != 3108) exceptions.push_back(r.type + " " + r.message);
@@ -245,26 +211,6 @@ TEST_F(Channels, EveryArgumentCheckInOrder)
         ASSERT_FALSE(records.empty());
         EXPECT_EQ(records.back().type + " " + records.back().message, c.exitText);
     }
-}
-
-TEST_F(Channels, LockAndUnlockWriteTheirRecords)
-{
-    Channel* chan = newChannel("LOCKED");
-    TraceCapture trace(3);
-    trace.clear();
-    EXPECT_EQ(lockChannel(chan), 0);
-    EXPECT_EQ(chan->isLocked, 1);
-    EXPECT_EQ(unlockChannel(chan), 0);
-    EXPECT_EQ(chan->isLocked, 0);
-    std::vector<std::string> expected = {
-        "ENTRY clapi_channel.lockChannel(chanTok=" + hexPtr(chan) + ")",
-        "EXIT clapi_channel.lockChannel() rc=0 (ECI_NO_ERROR)",
-        "ENTRY clapi_channel.unlockChannel(chanTok=" + hexPtr(chan) + ")",
-        "EXIT clapi_channel.unlockChannel() rc=0 (ECI_NO_ERROR)",
-    };
-    std::vector<std::string> seen;
-    for (const TraceRecord& r : trace.records()) seen.push_back(r.type + " " + r.message);
-    EXPECT_EQ(seen, expected);
 }
 
 /* The lock is not bound to a thread: one thread takes it, another waits to delete, a third releases it. */
@@ -284,8 +230,8 @@ TEST_F(Channels, DeleteWaitsForTheChannelLockFromAnyThread)
     std::future<int> deleted = deletion.get_future();
     std::thread deleter(std::move(deletion));
 
-    ASSERT_TRUE(waitUntil([&trace] { return trace.hasId(1463); }, std::chrono::seconds(5))) << "the deleting thread never waited";
-    EXPECT_EQ(onlyRecord(trace, 1463), "EVENT clapi_channel.lockChannel() Waiting for channel \"BUSY\" (" + hexPtr(chan) + ")");
+    ASSERT_TRUE(pollUntil([&trace] { return trace.hasId(1463); }, 5)) << "the deleting thread never waited";
+    EXPECT_EQ(onlyRecord(trace, 1463), "EVENT clapi_channel.lockChannel() Waiting for channel \"BUSY\" (" + pointerText(chan) + ")");
     EXPECT_EQ(deleted.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     EXPECT_FALSE(finished);
     EXPECT_EQ(recordTexts(trace, 1422).size(), 0u);
@@ -296,8 +242,8 @@ TEST_F(Channels, DeleteWaitsForTheChannelLockFromAnyThread)
     EXPECT_EQ(deleted.get(), 0);
     EXPECT_EQ(token, nullptr);
     EXPECT_EQ(onlyRecord(trace, 1468),
-              "EVENT clapi_channel.lockChannel() Finished waiting for channel \"BUSY\" (" + hexPtr(chan) + ")");
-    EXPECT_EQ(onlyRecord(trace, 1422), "EVENT API.ECI_deleteChannel() Deleted channel \"BUSY\" (" + hexPtr(chan) + ")");
+              "EVENT clapi_channel.lockChannel() Finished waiting for channel \"BUSY\" (" + pointerText(chan) + ")");
+    EXPECT_EQ(onlyRecord(trace, 1422), "EVENT API.ECI_deleteChannel() Deleted channel \"BUSY\" (" + pointerText(chan) + ")");
     EXPECT_EQ(chanList, nullptr);
 }
 
@@ -308,7 +254,7 @@ TEST_F(Channels, FinishedWaitingIsWrittenAfterTheEventIsArmed)
     ASSERT_EQ(lockChannel(chan), 0);
     TraceCapture trace(4);
     std::thread waiter([chan] { EXPECT_EQ(lockChannel(chan), 0); });
-    bool waiting = waitUntil([&trace] { return trace.hasId(1463); }, std::chrono::seconds(5));
+    bool waiting = pollUntil([&trace] { return trace.hasId(1463); }, 5);
     EXPECT_EQ(unlockChannel(chan), 0);
     waiter.join();
     ASSERT_TRUE(waiting) << "the second locker never waited";
@@ -348,10 +294,10 @@ TEST_F(Channels, WaitersTakeTheChannelOneAtATime)
             ++done;
         });
     }
-    bool allWaiting = waitUntil([&trace] { return trace.find(1463).size() == (size_t)threads; },
-                                std::chrono::seconds(5));
+    bool allWaiting = pollUntil([&trace] { return trace.find(1463).size() == (size_t)threads; },
+                                5);
     EXPECT_EQ(unlockChannel(chan), 0);
-    bool allDone = waitUntil([&done] { return done.load() == threads; });
+    bool allDone = pollUntil([&done] { return done.load() == threads; });
     for (std::thread& t : waiters) t.join();
     EXPECT_TRUE(allWaiting) << trace.find(1463).size() << " of " << threads << " lockers waited";
     ASSERT_TRUE(allDone) << done.load() << " of " << threads << " waiters finished";
@@ -431,20 +377,5 @@ const EntryCase entryCases[] = {
      ENTRY_TEXT("API.ECI_deleteChannel(tokPtr=%p)", (void*)&f.spare)},
     {"deleteAllChannels", 1425, ENTRY_CALL(ECI_deleteAllChannels()), ENTRY_TEXT("API.ECI_deleteAllChannels()")},
 };
-
-TEST_F(Channels, EveryCallsEntryRecordShowsItsArguments)
-{
-    EntryFixture f = {};
-    f.chan = newChannel("CHAN");
-    ASSERT_EQ(ECI_createContainer(f.chan, "DATA", ECI_BIT, 0, "0123456789", 10), 0);
-    TraceCapture trace(3);
-    for (const EntryCase& c : entryCases) {
-        SCOPED_TRACE(c.label);
-        trace.clear();
-        std::string expected = "ENTRY " + c.expected(f);   /* before the call: deleting clears the token */
-        c.call(f);
-        EXPECT_EQ(onlyRecord(trace, c.id), expected);
-    }
-}
 
 }  // namespace

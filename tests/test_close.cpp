@@ -7,10 +7,9 @@
 #include <memory>
 #include <vector>
 
-#include "conn_test_support.h"
+#include "library_support.h"
 #include "trace_capture.h"
 
-using namespace conntest;
 
 namespace {
 
@@ -74,19 +73,6 @@ INSTANTIATE_TEST_SUITE_P(Close, CloseArgs, ::testing::ValuesIn(closeArgsCases),
                              return "case" + std::to_string(info.index);
                          });
 
-TEST_F(Close, PurgeTimeLimitAbove3600ComparedUnsigned)
-{
-    GatewayToken* tok = open();
-    TraceCapture trace(1);
-    EXPECT_EQ(ZEP_ERR_INVALIDTIMEOUTPARM, ZEP_purgeGatewayConnection(&tok, 3601));
-    EXPECT_EQ(ZEP_ERR_INVALIDTIMEOUTPARM, ZEP_purgeGatewayConnection(&tok, static_cast<unsigned int>(-1)));
-    EXPECT_TRUE(trace.has(1083, "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=3601"));
-    EXPECT_TRUE(trace.has(1083, "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=-1"));
-    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
-    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 3600));
-    EXPECT_EQ(nullptr, tok);
-}
-
 TEST_F(Close, CloseSendsTheCloseFlowAndFreesTheToken)
 {
     GatewayToken* tok = open();
@@ -143,18 +129,6 @@ TEST_F(Close, PurgeWhileACallHangsEndsAfterItsTimeLimit)
         << trace.text();
 }
 
-TEST_F(Close, PurgeReturnsAsSoonAsTheWorkEnds)
-{
-    GatewayToken* tok = open();
-    BackgroundCall delayed(tok, "DELAY", "300");
-    ASSERT_TRUE(awaitRequestsLogged(gw, "DELAY", 1));
-    Clock::time_point start = Clock::now();
-    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 60));
-    EXPECT_LT(secondsSince(start), 10.0);
-    EXPECT_EQ(0, delayed.result());
-    EXPECT_EQ(0, memcmp(delayed.area(), "300", 3));
-}
-
 TEST_F(Close, SecondCloseWhileTheFirstRunsIsRefused)
 {
     GatewayToken* tok = open();
@@ -168,17 +142,6 @@ TEST_F(Close, SecondCloseWhileTheFirstRunsIsRefused)
     ASSERT_EQ(std::future_status::ready, purge.wait_for(std::chrono::seconds(20)));
     EXPECT_EQ(0, purge.get());
     EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging.result());
-}
-
-TEST_F(Close, CloseAfterTheGatewayWentAwaySendsNothing)
-{
-    GatewayToken* tok = open();
-    ASSERT_TRUE(gw.stop());
-    ASSERT_TRUE(pollUntil([&] { return connStatusOf(tok) != CONN_OPEN; }));
-    TraceCapture trace(3);
-    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
-    EXPECT_FALSE(trace.hasId(3015)) << "no close flow on an ended connection";
-    EXPECT_EQ(0, listedTokens());
 }
 
 TEST_F(Close, CloseAllClosesEveryTokenWithoutWaiting)
@@ -225,37 +188,10 @@ TEST_F(Close, UncollectedAsynchronousRepliesAreAbandoned)
     EXPECT_EQ(nullptr, tok);
 }
 
-TEST_F(Close, CloseAllOnAnEmptyList)
-{
-    TraceCapture trace(2);
-    EXPECT_EQ(0, ZEP_closeAllGatewayConnections());
-    EXPECT_TRUE(trace.has(2036, "clapi_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY"));
-}
-
-TEST_F(Close, OtherConnectionsStayUsableWhileOneQuiesces)
-{
-    GatewayToken* busy = open();
-    GatewayToken* other = open();
-    BackgroundCall hanging(busy, "HANG");
-    ASSERT_TRUE(pollUntil([&] { return slotsInState(busy, SLOT_SENT) == 1; }));
-    auto purge = std::async(std::launch::async, [&] { return ZEP_purgeGatewayConnection(&busy, 1); });
-    ASSERT_TRUE(pollUntil([&] { return __atomic_load_n(&busy->closing, __ATOMIC_RELAXED) != 0; }));
-    char area[8] = "abc";
-    EXPECT_EQ(0, callProgram(other, "UPPER", area, 3));
-    EXPECT_EQ(0, memcmp(area, "ABC", 3));
-    GatewayToken* late = open();
-    EXPECT_NE(nullptr, late);
-    ASSERT_EQ(std::future_status::ready, purge.wait_for(std::chrono::seconds(20)));
-    EXPECT_EQ(0, purge.get());
-    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging.result());
-    EXPECT_EQ(0, ZEP_closeGatewayConnection(&other));
-    EXPECT_EQ(0, ZEP_closeGatewayConnection(&late));
-}
-
 // An asynchronous channel call of `program` in extend mode `extendMode`; the channel stays locked until collected.
 EciParms asyncChannelCall(const char* program, Channel* chan, int extendMode = 0)
 {
-    EciParms parms = eciCall(ECI_ASYNC, program);
+    EciParms parms = eciBlock(ECI_ASYNC, program);
     parms.eci_extend_mode = static_cast<short>(extendMode);
     parms.eci_channel = chan;
     return parms;
@@ -392,28 +328,29 @@ TEST_F(Close, DescriptorOfAnEndedConnectionStaysTakenUntilTheTokenIsFreed)
     EXPECT_EQ(-1, fcntl(descriptor, F_GETFD)) << "freeing the token closes its descriptor";
 }
 
-int openDescriptors()
-{
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) count++;
-    closedir(dir);
-    return count;
-}
-
-TEST_F(Close, HundredCyclesLeaveNothingBehind)
-{
-    int before = openDescriptors();
-    for (int i = 0; i < 100; i++) {
-        GatewayToken* tok = nullptr;
-        ASSERT_EQ(0, openGateway(gw, &tok)) << i;
-        char area[8] = "cycle";
-        ASSERT_EQ(0, callProgram(tok, "ECHO", area, 5)) << i;
-        ASSERT_EQ(0, ZEP_closeGatewayConnection(&tok)) << i;
-        ASSERT_EQ(nullptr, tok);
-    }
-    EXPECT_EQ(0, listedTokens());
-    EXPECT_EQ(before, openDescriptors()) << "each close frees its token's descriptor before it returns";
-}
-
 }  // namespace
+
+TEST_F(Close, PurgeTimeLimitAbove3600ComparedUnsigned)
+{
+    GatewayToken* tok = open();
+    TraceCapture trace(1);
+    EXPECT_EQ(ZEP_ERR_INVALIDTIMEOUTPARM, ZEP_purgeGatewayConnection(&tok, 3601));
+    EXPECT_EQ(ZEP_ERR_INVALIDTIMEOUTPARM, ZEP_purgeGatewayConnection(&tok, static_cast<unsigned int>(-1)));
+    EXPECT_TRUE(trace.has(1083, "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=3601"));
+    EXPECT_TRUE(trace.has(1083, "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=-1"));
+    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 3600));
+    EXPECT_EQ(nullptr, tok);
+}
+
+TEST_F(Close, PurgeReturnsAsSoonAsTheWorkEnds)
+{
+    GatewayToken* tok = open();
+    BackgroundCall delayed(tok, "DELAY", "300");
+    ASSERT_TRUE(awaitRequestsLogged(gw, "DELAY", 1));
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 60));
+    EXPECT_LT(secondsSince(start), 10.0);
+    EXPECT_EQ(0, delayed.result());
+    EXPECT_EQ(0, memcmp(delayed.area(), "300", 3));
+}

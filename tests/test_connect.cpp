@@ -8,10 +8,9 @@
 
 #include <cstdlib>
 
-#include "conn_test_support.h"
+#include "library_support.h"
 #include "trace_capture.h"
 
-using namespace conntest;
 
 namespace {
 
@@ -84,17 +83,6 @@ int closedPort()
     getsockname(sock, reinterpret_cast<sockaddr*>(&address), &length);
     close(sock);
     return ntohs(address.sin_port);
-}
-
-TEST(Connect, PortsOneAndTopPassTheCheckAndFailToConnect)
-{
-    TraceCapture trace(1);
-    for (int port : {1, 65535}) {
-        GatewayToken* tok = nullptr;
-        EXPECT_EQ(ZEP_ERR_CONNECTFAILED, ZEP_openRemoteGatewayConnection("127.0.0.1", port, &tok, 5)) << port;
-        EXPECT_EQ(nullptr, tok);
-    }
-    EXPECT_FALSE(trace.hasId(1001));
 }
 
 TEST(Connect, ClosedPortIsRefusedAndLeavesNoToken)
@@ -209,25 +197,6 @@ TEST(Connect, OpenListsAConnectedTokenWithItsOptions)
     EXPECT_EQ(0, listedTokens());
 }
 
-TEST(Connect, NoTimeLimitMeansBlockingConnectAndUnboundedHandshake)
-{
-    ZepgwProcess gw;
-    ASSERT_TRUE(gw.start());
-    GatewayToken* tok = nullptr;
-    ASSERT_EQ(0, ZEP_openRemoteGatewayConnection("127.0.0.1", gw.port(), &tok, 0));
-    EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
-    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
-}
-
-TEST(Connect, TimeLimitOf3600Passes)
-{
-    ZepgwProcess gw;
-    ASSERT_TRUE(gw.start());
-    GatewayToken* tok = nullptr;
-    ASSERT_EQ(0, ZEP_openRemoteGatewayConnection("127.0.0.1", gw.port(), &tok, 3600));
-    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
-}
-
 TEST(Connect, MissingHandshakeTimesOutWithinSeconds)
 {
     ZepgwProcess gw;
@@ -283,16 +252,6 @@ const HandshakeFault handshakeFaults[] = {
 INSTANTIATE_TEST_SUITE_P(Connect, HandshakeFaults, ::testing::ValuesIn(handshakeFaults),
                          [](const ::testing::TestParamInfo<HandshakeFault>& info) { return info.param.applid; });
 
-TEST(Connect, ApplidOfNineCharactersIsRefusedSilently)
-{
-    TraceCapture trace(3);
-    GatewayToken* tok = nullptr;
-    EXPECT_EQ(ZEP_ERR_APPLIDTOOLONG, ZEP_openRemoteGatewayConnectionApplid("127.0.0.1", 1, &tok, 5, "APPLID789", ""));
-    EXPECT_EQ(ZEP_ERR_APPLIDTOOLONG, ZEP_openRemoteGatewayConnectionApplid("127.0.0.1", 1, &tok, 5, "", "QUALIF789"));
-    for (const TraceRecord& record : trace.records()) EXPECT_NE("*EXC*", record.type) << record.message;
-    EXPECT_TRUE(trace.has(1008, std::string(OPEN_API) + "rc=-139 (ZEP_ERR_APPLIDTOOLONG)"));
-}
-
 struct Applids {
     char* applid = nullptr;
     char* qualifier = nullptr;
@@ -320,16 +279,6 @@ TEST(Connect, EnvironmentOverridesApplidAndQualifier)
     EXPECT_STREQ("", texts.qualifier);
     EXPECT_TRUE(trace.has(1007, std::string(OPEN_API) + "Environment variables: applidEnv=ENVAPPL8 and applidQualifierEnv="));
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
-}
-
-TEST(Connect, EnvironmentApplidIsCutTo16AndThenTooLong)
-{
-    setenv("ZEP_APPLID", "ABCDEFGHIJKLMNOPQRST", 1);
-    TraceCapture trace(4);
-    GatewayToken* tok = nullptr;
-    EXPECT_EQ(ZEP_ERR_APPLIDTOOLONG, ZEP_openRemoteGatewayConnectionApplid("127.0.0.1", 1, &tok, 5, "A", "Q"));
-    EXPECT_TRUE(trace.has(1007, std::string(OPEN_API) +
-                                    "Environment variables: applidEnv=ABCDEFGHIJKLMNOP and applidQualifierEnv="));
 }
 
 TEST(Connect, ApplidQueriesHandOutTheTokensOwnTexts)
@@ -378,19 +327,6 @@ TEST(Connect, ConcurrentOpensAtTraceLevelTwo)
     EXPECT_EQ(0, second.get());
     EXPECT_EQ(30u, trace.find(2009).size());
     EXPECT_EQ(0, listedTokens());
-}
-
-TEST(Connect, EntryRecordLacksItsClosingParenthesis)
-{
-    TraceCapture trace(3);
-    GatewayToken* tok = nullptr;
-    EXPECT_EQ(ZEP_ERR_NULLPARM, ZEP_openRemoteGatewayConnectionApplid("gw.example", 2006, &tok, 7, nullptr, "Q"));
-    auto entries = trace.find(1000);
-    ASSERT_EQ(1u, entries.size()) << trace.text();
-    EXPECT_EQ("ENTRY", entries[0].type);
-    EXPECT_EQ("API.ZEP_openRemoteGatewayConnectionApplid(hostname=gw.example, port=2006, &gwTokPtr=" +
-                  pointerText(&tok) + ", connTimeout=7, applid=NULL, applidQualifier=Q",
-              entries[0].message);
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 #include "clapi_channel.h"
 #include "clapi_internal.h"
 #include "clapi_lock.h"
-#include "eci_test_support.h"
+#include "library_support.h"
 #include "trace_capture.h"
 
 namespace {
@@ -33,39 +33,6 @@ uint32_t startCall(GatewayToken* tok, const char* program, void* area, int lengt
     EXPECT_EQ(0, rc) << program;
     EXPECT_NE(0u, copyOf(parms.eci_message_qualifier));
     return rc == 0 ? parms.eci_message_qualifier : 0;
-}
-
-TEST(EciAsync, NothingQueuedGivesNoReplyAtOnce)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    char area[8];
-    EciParms parms = replyBlock(ECI_GET_REPLY, 0, area, sizeof area);
-    EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(conn.token(), &parms));
-}
-
-TEST(EciAsync, WaitingCallReturnsWhenTheReplyArrives)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    char request[16] = "300 ms later";
-    const uint32_t q = startCall(conn.token(), "DELAY", request, sizeof request);
-    ASSERT_NE(0u, q);
-    memset(request, 0, sizeof request);   // the reply goes to the library's buffer, not here
-
-    char reply[16];
-    memset(reply, 0, sizeof reply);
-    EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
-    const auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
-    EXPECT_STREQ("300 ms later", reply);
-    EXPECT_EQ(q, copyOf(parms.eci_message_qualifier));
-    EXPECT_EQ(ECI_ASYNC, copyOf(parms.eci_call_type));   // the request's own fields come back
-    EXPECT_EQ(0, memcmp("DELAY   ", parms.eci_program_name, 8));
-    EXPECT_EQ(16, copyOf(parms.commarea_inbound_length));
-    EXPECT_EQ(reply, copyOf(parms.eci_commarea));
-    EXPECT_STREQ("", request);
 }
 
 TEST(EciAsync, QualifierChecks)
@@ -156,29 +123,6 @@ TEST(EciAsync, TooSmallAreaKeepsTheReplyForASecondTry)
     for (size_t i = 0; i < sizeof large; ++i) ASSERT_EQ(request[99 - i], large[i]) << "byte " << i;
 }
 
-TEST(EciAsync, RepliesComeInOrderAThenB)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    char a[8] = "first";
-    char b[8] = "second";
-    const uint32_t qa = startCall(conn.token(), "UPPER", a, sizeof a);
-    const uint32_t qb = startCall(conn.token(), "ECHO", b, sizeof b);
-    ASSERT_NE(qa, qb);
-
-    char reply[8];
-    EciParms one = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
-    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &one));
-    EXPECT_EQ(qa, copyOf(one.eci_message_qualifier));
-    EXPECT_STREQ("FIRST", reply);
-    EciParms two = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
-    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &two));
-    EXPECT_EQ(qb, copyOf(two.eci_message_qualifier));
-    EXPECT_STREQ("second", reply);
-    EciParms none = replyBlock(ECI_GET_REPLY, 0, reply, sizeof reply);
-    EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(conn.token(), &none));
-}
-
 TEST(EciAsync, SpecificReplyCanBeTakenOutOfOrder)
 {
     GatewayConnection conn;
@@ -263,7 +207,7 @@ TEST(EciAsync, ClosingTokenWithOutstandingRequestStillDeliversIt)
     GatewayToken* closing = tok;
     auto closer = std::async(std::launch::async, [&closing] { return ZEP_closeGatewayConnection(&closing); });
     char area[8] = "x";
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(pollUntil([&] {
         EciParms parms = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
         return ZEP_ECI_Execute(tok, &parms) == ZEP_ERR_GWTOK_CLOSED;
     }));
@@ -281,44 +225,6 @@ TEST(EciAsync, ClosingTokenWithOutstandingRequestStillDeliversIt)
     ASSERT_EQ(std::future_status::ready, closer.wait_for(seconds(5)));
     EXPECT_EQ(0, closer.get());
     EXPECT_EQ(nullptr, closing);
-    *conn.tokenPtr() = nullptr;
-}
-
-TEST(EciAsync, ClosingTokenWithoutOutstandingRequestsRefusesReplyCalls)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    GatewayToken* tok = conn.token();
-    TraceCapture trace(3);
-
-    // A synchronous call in flight keeps the close waiting: zepgw answers it only once it is resumed.
-    ASSERT_TRUE(conn.zepgw().pause());
-    auto caller = std::async(std::launch::async, [tok] {
-        char area[16] = "held";
-        EciParms parms = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
-        return ZEP_ECI_Execute(tok, &parms);
-    });
-    ASSERT_TRUE(eventually([&] { return trace.hasId(1517); }));   // the call has registered and is sending
-    GatewayToken* closing = tok;
-    auto closer = std::async(std::launch::async, [&closing] { return ZEP_closeGatewayConnection(&closing); });
-
-    char reply[8];
-    int rc = 0;
-    EXPECT_TRUE(eventually([&] {
-        EciParms parms = replyBlock(ECI_GET_REPLY, 0, reply, sizeof reply);
-        rc = ZEP_ECI_Execute(tok, &parms);
-        return rc != ECI_ERR_NO_REPLY;
-    }));
-    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, rc);
-    EciParms wait = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
-    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, ZEP_ECI_Execute(tok, &wait));
-    EXPECT_EQ(std::future_status::timeout, closer.wait_for(std::chrono::milliseconds(0)));
-
-    ASSERT_TRUE(conn.zepgw().resume());
-    ASSERT_EQ(std::future_status::ready, caller.wait_for(seconds(10)));
-    EXPECT_EQ(0, caller.get());
-    ASSERT_EQ(std::future_status::ready, closer.wait_for(seconds(10)));
-    EXPECT_EQ(0, closer.get());
     *conn.tokenPtr() = nullptr;
 }
 
@@ -344,36 +250,10 @@ TEST(EciAsync, WaitingCallEndsWhenTheConnectionIsLost)
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &after));
 }
 
-TEST(EciAsync, WaitForAnyReplyWithNothingOutstandingEndsWhenTheConnectionIsLost)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    GatewayToken* tok = conn.token();
-    TraceCapture trace(4);
-    auto waiter = std::async(std::launch::async, [tok] {
-        char reply[8];
-        EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
-        return ZEP_ECI_Execute(tok, &parms);
-    });
-    // The collector is asleep on the reply event before the Gateway goes away.
-    const std::string sleeping = "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
-    ASSERT_TRUE(eventually([&] { return trace.has(3119, sleeping); }));
-    char area[8] = "x";
-    EciParms drop = eciBlock(ECI_SYNC, "DROP", area, sizeof area);
-    EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &drop));
-    ASSERT_EQ(std::future_status::ready, waiter.wait_for(seconds(5)));
-    EXPECT_EQ(ZEP_ERR_LOSTGWCON, waiter.get());
-}
-
 int asyncRequestsOf(GatewayToken* tok)
 {
     ClapiLockGuard guard(&tok->tableLock);
     return tok->asyncRequests;
-}
-
-int connStatusOf(GatewayToken* tok)
-{
-    return __atomic_load_n(&tok->connStatus, __ATOMIC_RELAXED);
 }
 
 // An asynchronous call that is marked sent while the test holds the send lock, so that the connection can end,
@@ -408,10 +288,10 @@ TEST(EciAsync, SendFailingAsTheConnectionEndsReleasesEverythingOnce)
             parms.eci_channel = channel;
             return channel != nullptr ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
         });
-        const bool marked = eventually([&] { return asyncRequestsOf(tok) == 1; });
+        const bool marked = pollUntil([&] { return asyncRequestsOf(tok) == 1; });
         EXPECT_TRUE(marked);
         EXPECT_TRUE(conn.zepgw().signal(SIGKILL));
-        EXPECT_TRUE(eventually([&] { return connStatusOf(tok) == CONN_LOST; }));
+        EXPECT_TRUE(pollUntil([&] { return connStatusOf(tok) == CONN_LOST; }));
         if (c.collectedFirst) {
             char reply[8];
             EciParms collect = replyBlock(ECI_GET_REPLY, 0, reply, sizeof reply);
@@ -477,16 +357,16 @@ TEST(EciAsync, SpecificWaitLearnsThatAnotherCallTookItsReply)
         });
         const std::string sleeping =
             "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
-        EXPECT_TRUE(eventually([&] { return trace.has(3119, sleeping); }));
+        EXPECT_TRUE(pollUntil([&] { return trace.has(3119, sleeping); }));
         freezer.store(0);
         pthread_kill(waiter.native_handle(), SIGUSR1);
-        EXPECT_TRUE(eventually([] { return freezer.load() == 1; }));
+        EXPECT_TRUE(pollUntil([] { return freezer.load() == 1; }));
 
         // Another call takes the reply while the waiter is held.
         ASSERT_TRUE(conn.zepgw().resume());
         char other[8];
         int rc = ECI_ERR_NO_REPLY;
-        EXPECT_TRUE(eventually([&] {
+        EXPECT_TRUE(pollUntil([&] {
             EciParms any = replyBlock(ECI_GET_REPLY, 0, other, sizeof other);
             rc = ZEP_ECI_Execute(tok, &any);
             return rc != ECI_ERR_NO_REPLY;
@@ -514,20 +394,6 @@ TEST(EciAsync, SpecificWaitLearnsThatAnotherCallTookItsReply)
     sigaction(SIGUSR1, &previous, nullptr);
 }
 
-TEST(EciAsync, NoCommareaAtAllGoesAndComesBackEmpty)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    const uint32_t q = startCall(conn.token(), "ECHO", nullptr, 0);
-    ASSERT_NE(0u, q);
-    EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, nullptr, 0);
-    collect.commarea_inbound_length = 99;
-    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &collect));
-    EXPECT_EQ(q, copyOf(collect.eci_message_qualifier));
-    EXPECT_EQ(0, copyOf(collect.commarea_inbound_length));
-    EXPECT_EQ(nullptr, copyOf(collect.eci_commarea));
-}
-
 TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
 {
     GatewayConnection conn;
@@ -547,7 +413,7 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
     }
     const std::string sleeping =
         "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
-    ASSERT_TRUE(eventually([&] {   // every waiter has gone to sleep
+    ASSERT_TRUE(pollUntil([&] {   // every waiter has gone to sleep
         size_t asleep = 0;
         for (const TraceRecord& r : trace.find(3119)) asleep += r.message == sleeping;
         return asleep >= kWaiters;
@@ -564,7 +430,7 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
         memset(area, 0, sizeof area);
         strcpy(area, texts[sent - 1]);
         ASSERT_NE(0u, startCall(tok, "ECHO", area, sizeof area));
-        ASSERT_TRUE(eventually([&] { return ready() >= sent; }));
+        ASSERT_TRUE(pollUntil([&] { return ready() >= sent; }));
         EXPECT_EQ(sent, ready()) << "a waiter returned without a reply of its own";
     }
     std::vector<std::string> got;
@@ -576,17 +442,25 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
     EXPECT_EQ((std::vector<std::string>{"one", "three", "two"}), got);
 }
 
-TEST(EciAsync, FoundReplyIsTracedWithItsQualifier)
+}  // namespace
+
+TEST(EciAsync, WaitForAnyReplyWithNothingOutstandingEndsWhenTheConnectionIsLost)
 {
     GatewayConnection conn;
     ASSERT_TRUE(conn.ok());
-    TraceCapture trace(2);
-    char request[8] = "trace";
-    const uint32_t q = startCall(conn.token(), "ECHO", request, sizeof request);
-    char reply[8];
-    EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
-    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
-    EXPECT_TRUE(trace.has(1542, "clapi_eci.getAsyncReply() Async reply found, msg qual=" + std::to_string(q)));
+    GatewayToken* tok = conn.token();
+    TraceCapture trace(4);
+    auto waiter = std::async(std::launch::async, [tok] {
+        char reply[8];
+        EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
+        return ZEP_ECI_Execute(tok, &parms);
+    });
+    // The collector is asleep on the reply event before the Gateway goes away.
+    const std::string sleeping = "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
+    ASSERT_TRUE(pollUntil([&] { return trace.has(3119, sleeping); }));
+    char area[8] = "x";
+    EciParms drop = eciBlock(ECI_SYNC, "DROP", area, sizeof area);
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ECI_Execute(tok, &drop));
+    ASSERT_EQ(std::future_status::ready, waiter.wait_for(seconds(5)));
+    EXPECT_EQ(ZEP_ERR_LOSTGWCON, waiter.get());
 }
-
-}  // namespace

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "clapi_channel.h"
-#include "eci_test_support.h"
+#include "library_support.h"
 #include "trace_capture.h"
 
 namespace {
@@ -131,25 +131,6 @@ TEST(EciChannel, ServerChangesAreAppliedToTheChannel)
     EXPECT_EQ(0, ECI_deleteChannel(&channel));
 }
 
-TEST(EciChannel, ChannelCcsidIsSetFromTheLocaleOnTheFirstCall)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    Channel* channel = nullptr;
-    ASSERT_EQ(0, ECI_createChannel("BINONLY", &channel));
-    ASSERT_EQ(0, ECI_createContainer(channel, "BITS", ECI_BIT, 0, "\x00\x01", 2));
-    EXPECT_EQ(-1, channel->ccsid);
-    EciParms parms = channelBlock(ECI_SYNC, "CHANNEL", channel);
-    ASSERT_EQ(0, ZEP_ECI_Execute_Channel(conn.token(), &parms));
-    int expected = -1;
-    ASSERT_EQ(0, getCurrentCcsid(&expected));
-    EXPECT_EQ(expected, channel->ccsid);
-    ContainerInfo info;
-    ASSERT_EQ(0, ECI_getContainerInfo(channel, "RESULT", &info));
-    EXPECT_EQ(expected, copyOf(info.ccsid));
-    EXPECT_EQ(0, ECI_deleteChannel(&channel));
-}
-
 TEST(EciChannel, AsynchronousCallKeepsTheChannelLockedUntilCollected)
 {
     GatewayConnection conn;
@@ -170,7 +151,7 @@ TEST(EciChannel, AsynchronousCallKeepsTheChannelLockedUntilCollected)
     auto deleter = std::async(std::launch::async, [&doomed] { return ECI_deleteChannel(&doomed); });
     const std::string waiting =
         "clapi_channel.lockChannel() Waiting for channel \"ASYNCCHAN\" (" + pointerText(channel) + ")";
-    EXPECT_TRUE(eventually([&] { return trace.has(1463, waiting); }));   // the deleter is blocked on the lock
+    EXPECT_TRUE(pollUntil([&] { return trace.has(1463, waiting); }));   // the deleter is blocked on the lock
     EXPECT_EQ(std::future_status::timeout, deleter.wait_for(std::chrono::milliseconds(0)));
     EXPECT_EQ(1, channel->isLocked);
 
@@ -180,21 +161,6 @@ TEST(EciChannel, AsynchronousCallKeepsTheChannelLockedUntilCollected)
     ASSERT_EQ(std::future_status::ready, deleter.wait_for(seconds(5)));
     EXPECT_EQ(0, deleter.get());
     EXPECT_EQ(nullptr, doomed);
-}
-
-TEST(EciChannel, AsynchronousReplyIsInTheChannelWhenCollected)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    EciParms parms;
-    Channel* channel = sendAsynchronously(conn.token(), &parms);
-    ASSERT_NE(nullptr, channel);
-    EciParms collect = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, parms.eci_message_qualifier, nullptr, 0);
-    ASSERT_EQ(0, ZEP_ECI_Execute_Channel(conn.token(), &collect));
-    auto got = contents(channel);
-    EXPECT_EQ("zyx", got["MODX"].second);
-    EXPECT_EQ("containers=1", got["RESULT"].second);
-    EXPECT_EQ(0, ECI_deleteChannel(&channel));
 }
 
 TEST(EciChannel, AsynchronousCallFailedByAnErrorFlowUnlocksTheChannelWhenCollected)

@@ -129,45 +129,4 @@ TEST(EciParms, EachCheckGivesItsCodeAndRecordAndLeavesTheBlockAlone)
     }
 }
 
-TEST(EciParms, EntryDebugAndExitRecords)
-{
-    TraceCapture trace(4);
-    EciParms parms = validBlock();
-    parms.eci_call_type = ECI_GET_SPECIFIC_REPLY_WAIT;
-    ASSERT_EQ(0, verifyEciParms(&parms, 4));
-    parms.eci_version = 1;
-    ASSERT_EQ(ECI_ERR_INVALID_VERSION, verifyEciParms(&parms, 4));
-
-    const std::string block = pointerText(&parms);
-    EXPECT_TRUE(trace.has(1548, "clapi_eci.verifyEciParms(EciParms=" + block + ", minVersion=4)"));
-    EXPECT_TRUE(trace.has(1551, "clapi_eci.verifyEciParms() Call type is ECI_GET_SPECIFIC_REPLY_WAIT"));
-    EXPECT_TRUE(trace.has(1560, "clapi_eci.verifyEciParms() rc=0 (ZEP_OK)"));
-    EXPECT_TRUE(trace.has(1560, "clapi_eci.verifyEciParms() rc=-21 (ECI_ERR_INVALID_VERSION)"));
-    for (const TraceRecord& r : trace.find(1551)) EXPECT_EQ("DEBUG", r.type);
-}
-
-TEST(EciParms, FailuresAreTracedAtLevelOneWithoutDebugLines)
-{
-    TraceCapture trace(1);
-    EciParms parms = validBlock();
-    parms.eci_timeout = -3;
-    ASSERT_EQ(ECI_ERR_REQUEST_TIMEOUT, verifyEciParms(&parms, 3));
-    std::vector<TraceRecord> all = trace.records();
-    ASSERT_EQ(1u, all.size());
-    EXPECT_EQ(1559, all[0].id);
-}
-
-TEST(EciParms, CallTypeNames)
-{
-    const struct {
-        int type;
-        const char* name;
-    } names[] = {
-        {1, "ECI_SYNC"}, {2, "ECI_ASYNC"}, {3, "ECI_GET_REPLY"}, {4, "ECI_GET_REPLY_WAIT"},
-        {5, "ECI_GET_SPECIFIC_REPLY"}, {6, "ECI_GET_SPECIFIC_REPLY_WAIT"},
-        {0, "UNKNOWN"}, {7, "UNKNOWN"}, {-1, "UNKNOWN"}, {65535, "UNKNOWN"},
-    };
-    for (const auto& n : names) EXPECT_STREQ(n.name, getCallTypeString(n.type)) << n.type;
-}
-
 }  // namespace

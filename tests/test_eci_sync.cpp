@@ -7,7 +7,7 @@
 #include <string>
 
 #include "clapi_internal.h"
-#include "eci_test_support.h"
+#include "library_support.h"
 #include "trace_capture.h"
 
 namespace {
@@ -50,18 +50,6 @@ TEST(EciSync, ProgramsTransformTheCommareaAndReturnTheirCodes)
         EXPECT_EQ(std::string(c.output), std::string(area, n));
         EXPECT_EQ(0, memcmp(c.abend, parms.eci_abend_code, 4));
     }
-}
-
-TEST(EciSync, ShorterReplyIsZeroFilledToTheCommareaLength)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    char area[100];
-    for (size_t i = 0; i < sizeof area; ++i) area[i] = static_cast<char>('A' + i % 26);
-    EciParms parms = eciBlock(ECI_SYNC, "SHORT", area, sizeof area);
-    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
-    EXPECT_EQ("ABCDEFGHIJKLMNOPQRST", std::string(area, 20));
-    for (size_t i = 20; i < sizeof area; ++i) ASSERT_EQ(0, area[i]) << "byte " << i;
 }
 
 struct LengthCase {
@@ -292,6 +280,8 @@ TEST(EciSync, EsiReplyToAnEciRequestNeverWritesTheDetailsOfAnEarlierEsiCaller)
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
 }
 
+}  // namespace
+
 TEST(EciSync, FrameChecksAndRegistration)
 {
     GatewayConnection conn;
@@ -313,5 +303,3 @@ TEST(EciSync, FrameChecksAndRegistration)
     EXPECT_EQ(ECI_ERR_INVALID_VERSION, ZEP_ECI_Execute(conn.token(), &parms));
     EXPECT_EQ(0, conn.token()->apiCalls);
 }
-
-}  // namespace

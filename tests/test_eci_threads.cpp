@@ -10,56 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include "eci_test_support.h"
+#include "library_support.h"
 
 namespace {
 
 constexpr int kThreads = 16;
 constexpr int kCallsPerThread = 200;
-
-// One thread's calls; returns the number of replies that were wrong.
-int callMany(GatewayToken* tok, int thread)
-{
-    int wrong = 0;
-    for (int call = 0; call < kCallsPerThread; ++call) {
-        char area[48];
-        memset(area, 0, sizeof area);
-        const int length = snprintf(area, sizeof area, "thread %02d call %03d payload", thread, call);
-        const bool reverse = call % 2 == 1;
-        EciParms parms = eciBlock(ECI_SYNC, reverse ? "REVERSE" : "UPPER", area, length);
-        if (ZEP_ECI_Execute(tok, &parms) != 0) {
-            ++wrong;
-            continue;
-        }
-        char expected[48];
-        memset(expected, 0, sizeof expected);
-        snprintf(expected, sizeof expected, reverse ? "thread %02d call %03d payload" : "THREAD %02d CALL %03d PAYLOAD",
-                 thread, call);
-        if (reverse) std::reverse(expected, expected + length);
-        if (memcmp(expected, area, sizeof area) != 0) ++wrong;
-    }
-    return wrong;
-}
-
-TEST(EciThreads, SixteenThreadsShareOneConnection)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&wrong, &conn, t] { wrong += callMany(conn.token(), t); });
-    for (std::thread& t : threads) t.join();
-    EXPECT_EQ(0, wrong.load());
-
-    // Every slot went back: the next call takes slot 1 again, seen as the qualifier of an asynchronous call.
-    char area[8] = "last";
-    EciParms async = eciBlock(ECI_ASYNC, "ECHO", area, sizeof area);
-    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &async));
-    EXPECT_EQ(1u, copyOf(async.eci_message_qualifier));
-    EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, area, sizeof area);
-    EXPECT_EQ(0, ZEP_ECI_Execute(conn.token(), &collect));
-}
 
 TEST(EciThreads, AsynchronousCallsFromManyThreadsAreCollectedByOne)
 {

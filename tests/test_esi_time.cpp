@@ -91,17 +91,6 @@ TEST(EsiTime, YearZeroIsUnsetAndZeroesTheResult)
     EXPECT_EQ(0, memcmp(&zero, &out, sizeof out));
 }
 
-TEST(EsiTime, NullPointersChangeNothing)
-{
-    EsiTime in = {2024, 1, 29, 0, 0, 0, 0};
-    struct tm out;
-    memset(&out, 0x5A, sizeof out);
-    struct tm before = out;
-    EXPECT_EQ(&out, ZEP_ESI_convertTime(nullptr, &out));
-    EXPECT_EQ(0, memcmp(&before, &out, sizeof out));
-    EXPECT_EQ(nullptr, ZEP_ESI_convertTime(&in, nullptr));
-}
-
 TEST(EsiTime, MonthOutsideTheYearLeavesTheResultAloneAndIsTraced)
 {
     const int months[] = {-1, 12, 1000000, -2147483647 - 1};
@@ -130,6 +119,19 @@ TEST(EsiTime, LeapYears)
     for (const auto& y : years) EXPECT_EQ(y.leap, isLeapYear(y.year)) << y.year;
 }
 
+}  // namespace
+
+TEST(EsiTime, NullPointersChangeNothing)
+{
+    EsiTime in = {2024, 1, 29, 0, 0, 0, 0};
+    struct tm out;
+    memset(&out, 0x5A, sizeof out);
+    struct tm before = out;
+    EXPECT_EQ(&out, ZEP_ESI_convertTime(nullptr, &out));
+    EXPECT_EQ(0, memcmp(&before, &out, sizeof out));
+    EXPECT_EQ(nullptr, ZEP_ESI_convertTime(&in, nullptr));
+}
+
 TEST(EsiTime, TraceRecords)
 {
     TraceCapture trace(4);
@@ -146,5 +148,3 @@ TEST(EsiTime, TraceRecords)
     ASSERT_EQ(1u, exits.size());
     EXPECT_EQ("EXIT", exits[0].type);
 }
-
-}  // namespace

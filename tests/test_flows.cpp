@@ -1,5 +1,5 @@
 /* Message headers, the handshake and the close request, byte for byte over a socket pair. */
-#include "wire_test_support.h"
+#include "library_support.h"
 
 #include <thread>
 
@@ -14,7 +14,7 @@ TEST(CloseFlow, IsTheThirtyThreeByteBaseHeaderAlone)
     Bytes expected = {0x47, 0x61, 0x74, 0x65, 0x10, 0x90, 0x10, 0x00, 0x00, 0x00, 0x00, 0x0A,
                       0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04,
                       'B',  'A',  'S',  'E',  0x00, 0x00, 0x00, 0x00, 0x00};
-    EXPECT_EQ(hex(expected), hex(pair.drain()));
+    EXPECT_EQ(toHex(expected), toHex(pair.drain()));
 }
 
 TEST(CloseFlow, LostConnectionIsReported)
@@ -50,42 +50,7 @@ TEST(HandshakeFlow, CarriesTheLocaleBlockAndTheNamesInUtf8)
         expected.header(5, -2, "BASE", payload).raw(LOCALE);
         expected.i16((int32_t)c.applidUtf8.size()).raw(c.applidUtf8);
         expected.i16((int32_t)c.qualifierUtf8.size()).raw(c.qualifierUtf8);
-        EXPECT_EQ(hex(expected.b), hex(pair.drain())) << c.applid;
-    }
-}
-
-TEST(HandshakeFlow, FiveCharacterApplidGivesPayloadTwentySeven)
-{
-    SocketPair pair;
-    EXPECT_EQ(0, clapiFlowHandshakeRequest(pair.lib, "ABCDE", ""));
-    Bytes wire = pair.drain();
-    ASSERT_EQ(33u + 27u, wire.size());
-    EXPECT_EQ("00 00 00 1B ", hex(Bytes(wire.begin() + 29, wire.begin() + 33)));
-    EXPECT_EQ("00 05 41 42 43 44 45 00 00 ", hex(Bytes(wire.end() - 9, wire.end())));
-}
-
-TEST(MakeUtf8, ConvertsLatin1ByteByByte)
-{
-    struct Case {
-        const char* source;
-        const char* expected;
-    } cases[] = {
-        {"", ""},
-        {"PLAIN7", "PLAIN7"},
-        {"\x7F", "\x7F"},
-        {"\x80", "\xC2\x80"},
-        {"\xA3", "\xC2\xA3"},
-        {"\xBF", "\xC2\xBF"},
-        {"\xC0", "\xC3\x80"},
-        {"\xE9", "\xC3\xA9"},
-        {"\xFF", "\xC3\xBF"},
-        {"a\xE9z", "a\xC3\xA9z"},
-    };
-    for (const Case& c : cases) {
-        char destination[32];
-        memset(destination, 0, sizeof destination);
-        makeUtf8(c.source, destination);
-        EXPECT_STREQ(c.expected, destination) << hex(Bytes(c.source, c.source + strlen(c.source)));
+        EXPECT_EQ(toHex(expected.b), toHex(pair.drain())) << c.applid;
     }
 }
 
@@ -108,7 +73,7 @@ TEST(WriteHeader, WritesEveryFieldAsTheCallerSetIt)
     writeHeader(&sb, &header);
     EXPECT_EQ(0, flushBuffer(&sb));
     EXPECT_EQ(0, freeBuffer(&sb));
-    EXPECT_EQ(hex(Wire().header(1, 12, "ESI", 0x01020304).b), hex(pair.drain()));
+    EXPECT_EQ(toHex(Wire().header(1, 12, "ESI", 0x01020304).b), toHex(pair.drain()));
 }
 
 /* Feeds `bytes`, reads one header and returns its rc. */
@@ -142,25 +107,6 @@ TEST(ReadHeader, ThreeLetterHeaderIsReadFromTheFirstThirtyTwoBytes)
     EXPECT_EQ(99, readInt(&in.sb));
 }
 
-TEST(ReadHeader, BaseHeaderIsReadWholeAlthoughTheFirstFillWaitsForThirtyTwo)
-{
-    SocketPair pair;
-    ReadBuffer in(pair.lib, 33000);
-    FlowHeader header;
-    Bytes message = Wire().header(5, -2, "BASE", 18).raw(LOCALE).b;
-    ASSERT_EQ(0, readHeaderFrom(pair, message, &in.sb, &header));
-    EXPECT_EQ(5, header.flowType);
-    EXPECT_EQ(-2, header.messageId);
-    EXPECT_STREQ("BASE", header.requestType);
-    EXPECT_EQ(18, header.payloadLength);
-    EXPECT_EQ(0u, in.sb.bytesInBuffer);
-    in.sb.bytesRemaining += (uint32_t)header.payloadLength - in.sb.bytesInBuffer;
-    EXPECT_EQ(0, fillBuffer(&in.sb));
-    Bytes payload(18);
-    readBytes(&in.sb, payload.data(), 18);
-    EXPECT_EQ(hex(LOCALE), hex(payload));
-}
-
 TEST(ReadHeader, BadEyecatcherIsAProtocolError)
 {
     SocketPair pair;
@@ -171,7 +117,7 @@ TEST(ReadHeader, BadEyecatcherIsAProtocolError)
     memcpy(message.data(), "ABCD", 4);
     EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, readHeaderFrom(pair, message, &in.sb, &header));
     EXPECT_EQ(std::vector<std::string>({"*EXC* Bad eyecatcher! Expected=0x47617465, actual=0x41424344"}),
-              messages(trace, 3213));
+              recordTexts(trace, 3213));
 }
 
 TEST(ReadHeader, LongRequestTypesAreCutAndTheStreamStaysInStep)
@@ -232,7 +178,7 @@ TEST(ReadHeader, ImpossibleLengthsAreProtocolErrors)
         message.u8(0).i32(c.payloadLength).fill(8, 0);
         pair.feed(message.b);
         EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, clapiReadHeader(&in.sb, &header)) << c.record;
-        EXPECT_EQ(std::vector<std::string>({c.record}), messages(trace, 3213));
+        EXPECT_EQ(std::vector<std::string>({c.record}), recordTexts(trace, 3213));
     }
 }
 
@@ -244,18 +190,6 @@ TEST(ReadHeader, PeerClosingBeforeAWholeHeaderIsALostConnection)
     pair.feed({0x47, 0x61, 0x74});
     pair.closePeer();
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, clapiReadHeader(&in.sb, &header));
-}
-
-TEST(GatewayFlows, HandshakeIsAnsweredAndTheCloseRequestIsReturned)
-{
-    GatewayLink link;
-    ASSERT_TRUE(link.open()) << link.gw.log();
-    EXPECT_EQ(0, clapiFlowCloseRequest(link.fd));
-    FlowHeader header;
-    ASSERT_EQ(0, link.next(&header));
-    EXPECT_EQ(FLOW_CLOSE, header.flowType);
-    EXPECT_EQ(MSGID_CLOSE, header.messageId);
-    EXPECT_EQ(0, header.payloadLength);
 }
 
 }  // namespace

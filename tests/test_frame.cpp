@@ -44,22 +44,6 @@ TEST(Versions, TextsAndTheSamePointerOnEveryCall) {
     EXPECT_EQ(clapiVersion, api);
 }
 
-TEST(Versions, QueriesWriteEntryAndExitRecords) {
-    TraceCapture trace(3);
-    char* dll = nullptr;
-    char* api = nullptr;
-    int level = 0;
-    ASSERT_EQ(0, ZEP_getDLLVersion(&dll));
-    ASSERT_EQ(0, ZEP_getAPIVersion(&api));
-    ASSERT_EQ(0, ZEP_getAPITraceLevel(&level));
-    EXPECT_TRUE(trace.has(1032, withPointer("API.ZEP_getDLLVersion(dllVersPtr=%p)", &dll)));
-    EXPECT_TRUE(trace.has(1034, "API.ZEP_getDLLVersion() rc=0 (ZEP_OK)"));
-    EXPECT_TRUE(trace.has(1029, withPointer("API.ZEP_getAPIVersion(apiVersPtr=%p)", &api)));
-    EXPECT_TRUE(trace.has(1031, "API.ZEP_getAPIVersion() rc=0 (ZEP_OK)"));
-    EXPECT_TRUE(trace.has(1035, withPointer("API.ZEP_getAPITraceLevel(traceStatePtr=%p)", &level)));
-    EXPECT_TRUE(trace.has(1037, "API.ZEP_getAPITraceLevel() rc=0 (ZEP_OK)"));
-}
-
 // A NULL output pointer is refused with -109 and one exception record naming it.
 TEST(Versions, NullOutputPointers) {
     TraceCapture trace(3);
@@ -94,17 +78,6 @@ TEST(Versions, NullOutputPointers) {
     }
 }
 
-TEST(Versions, TraceLevelQueryFollowsTheLevel) {
-    StderrCapture err;   // raising the level writes the banner to standard error
-    for (int level : {4, 0, 5, 1}) {
-        ASSERT_EQ(0, ZEP_setAPITraceLevel(level));
-        int seen = -1;
-        ASSERT_EQ(0, ZEP_getAPITraceLevel(&seen));
-        EXPECT_EQ(level, seen);
-    }
-    ZEP_setAPITraceLevel(0);
-}
-
 TEST(Correlators, StartAtOneAndSkipZeroAfterTheWrap) {
     ASSERT_EQ(0, clapiInit());
     EXPECT_EQ(1u, getNextCorrelator());
@@ -115,19 +88,6 @@ TEST(Correlators, StartAtOneAndSkipZeroAfterTheWrap) {
     EXPECT_EQ(4294967295u, getNextCorrelator());
     EXPECT_EQ(1u, getNextCorrelator());
     EXPECT_EQ(2u, getNextCorrelator());
-}
-
-TEST(Correlators, Records) {
-    TraceCapture trace(3);
-    uint32_t correlator = getNextCorrelator();
-    ASSERT_EQ(1u, correlator);
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_GE(records.size(), 2u);
-    EXPECT_EQ(1064, records[records.size() - 2].id);
-    EXPECT_EQ("clapi_impl.getNextCorrelator()", records[records.size() - 2].message);
-    EXPECT_EQ(1065, records.back().id);
-    EXPECT_EQ("EXIT", records.back().type);
-    EXPECT_EQ("clapi_impl.getNextCorrelator() correlator=1", records.back().message);
 }
 
 TEST(Correlators, ConcurrentCallersNeverShareAValue) {
@@ -196,17 +156,4 @@ TEST(Frame, ConcurrentFirstCalls) {
     EXPECT_EQ(1u, clapiState);
     EXPECT_EQ(0, clapiInitRc);
     EXPECT_EQ(0, clapiInit());
-}
-
-// Initialisation leaves every process-wide lock usable and tracing off.
-TEST(Frame, InitialisationResult) {
-    ASSERT_EQ(0, clapiInit());
-    EXPECT_EQ(1u, clapiState);
-    EXPECT_EQ(0, clapiInitRc);
-    EXPECT_EQ(0xFFEEDDCCu, gtlLock.initialized);
-    EXPECT_EQ(0xFFEEDDCCu, chanListLock.initialized);
-    EXPECT_EQ(0xFFEEDDCCu, correlatorLock.initialized);
-    int level = -1;
-    ASSERT_EQ(0, ZEP_getAPITraceLevel(&level));
-    EXPECT_EQ(0, level);
 }

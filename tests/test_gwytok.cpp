@@ -3,10 +3,9 @@
 #include <memory>
 #include <vector>
 
-#include "conn_test_support.h"
+#include "library_support.h"
 #include "trace_capture.h"
 
-using namespace conntest;
 
 namespace {
 
@@ -97,17 +96,6 @@ TEST_F(TokenList, LookupRefusals)
         << trace->text();
 }
 
-TEST_F(TokenList, UnlistedTokenIsRefusedEvenWithItsEyecatcher)
-{
-    chained(1);
-    GatewayToken* outsider = make(2, "OUT", "");
-    trace->clear();
-    EXPECT_EQ(ZEP_ERR_BADGWTOK, clapiRegisterRequest(outsider));
-    EXPECT_TRUE(trace->has(2022, "clapi_gwytok.clapiRegisterRequest() Gateway token=" + pointerText(outsider) +
-                                     " not found, findRc=1003"));
-    EXPECT_EQ(0, outsider->apiCalls);
-}
-
 TEST_F(TokenList, RegistrationsAreCountedAndTheLastOneSignals)
 {
     GatewayToken* tok = chained(1);
@@ -123,16 +111,6 @@ TEST_F(TokenList, RegistrationsAreCountedAndTheLastOneSignals)
     EXPECT_EQ(1u, tok->requestsEnded.flag);
     EXPECT_TRUE(trace->has(2027, "clapi_gwytok.clapiUnregisterRequest() Outstanding API calls=0 on gwTokPtr=" + address));
     EXPECT_TRUE(trace->has(2028, "clapi_gwytok.clapiUnregisterRequest() rc=0"));
-}
-
-TEST_F(TokenList, OutstandingAsyncRequestsKeepRequestsEndedReset)
-{
-    GatewayToken* tok = chained(1);
-    clapiSetEvent(&tok->requestsEnded);
-    tok->asyncRequests = 1;
-    EXPECT_EQ(0, clapiRegisterRequest(tok));
-    EXPECT_EQ(0, clapiUnregisterRequest(tok));
-    EXPECT_EQ(0u, tok->requestsEnded.flag);
 }
 
 TEST_F(TokenList, FormattedLine)
@@ -153,20 +131,6 @@ TEST_F(TokenList, FormattedLine)
 
 const std::string RULE(80, '-');
 
-TEST_F(TokenList, DumpOfAnEmptyList)
-{
-    trace->clear();
-    EXPECT_EQ(0, clapiDumpGatewayTokens());
-    auto lines = trace->lines();
-    std::vector<std::string> plain;
-    for (const std::string& line : lines) {
-        TraceRecord record;
-        if (!TraceCapture::parseRecord(line, &record)) plain.push_back(line);
-    }
-    EXPECT_EQ((std::vector<std::string>{"Gateway Token List dump", RULE, "The Gateway Token List is EMPTY", RULE}), plain);
-    EXPECT_TRUE(trace->has(2039, "clapi_gwytok.clapiDumpGatewayTokens() List length=0"));
-}
-
 TEST_F(TokenList, DumpListsEveryTokenInOrder)
 {
     GatewayToken* first = chained(1, "A", "");
@@ -185,18 +149,6 @@ TEST_F(TokenList, DumpListsEveryTokenInOrder)
                                         std::string("Gateway Token List entry -0002- : ") + two,
                                         "Total number of Gateway Token List entries=2", RULE}),
               plain);
-}
-
-TEST(StateDump, WritesAtAnyLevelWithoutPrefix)
-{
-    TraceCapture trace(0);
-    EXPECT_EQ(0, ZEP_dumpState());
-    auto lines = trace.lines();
-    ASSERT_GE(lines.size(), 5u) << trace.text();
-    EXPECT_EQ("zepclient state dump: DLL Version=9.1.0.4 Trace Level=0 clientAPITraceFile=" + trace.path(), lines[0]);
-    EXPECT_EQ("Gateway Token List dump", lines[1]);
-    EXPECT_EQ("The Gateway Token List is EMPTY", lines[3]);
-    EXPECT_TRUE(trace.records().empty());
 }
 
 TEST(TokenCreation, FirstTokenAfterTheListEmptiedChainsAtTheHead)
@@ -230,3 +182,29 @@ TEST(TokenCreation, FirstTokenAfterTheListEmptiedChainsAtTheHead)
 }
 
 }  // namespace
+
+TEST_F(TokenList, DumpOfAnEmptyList)
+{
+    trace->clear();
+    EXPECT_EQ(0, clapiDumpGatewayTokens());
+    auto lines = trace->lines();
+    std::vector<std::string> plain;
+    for (const std::string& line : lines) {
+        TraceRecord record;
+        if (!TraceCapture::parseRecord(line, &record)) plain.push_back(line);
+    }
+    EXPECT_EQ((std::vector<std::string>{"Gateway Token List dump", RULE, "The Gateway Token List is EMPTY", RULE}), plain);
+    EXPECT_TRUE(trace->has(2039, "clapi_gwytok.clapiDumpGatewayTokens() List length=0"));
+}
+
+TEST(StateDump, WritesAtAnyLevelWithoutPrefix)
+{
+    TraceCapture trace(0);
+    EXPECT_EQ(0, ZEP_dumpState());
+    auto lines = trace.lines();
+    ASSERT_GE(lines.size(), 5u) << trace.text();
+    EXPECT_EQ("zepclient state dump: DLL Version=9.1.0.4 Trace Level=0 clientAPITraceFile=" + trace.path(), lines[0]);
+    EXPECT_EQ("Gateway Token List dump", lines[1]);
+    EXPECT_EQ("The Gateway Token List is EMPTY", lines[3]);
+    EXPECT_TRUE(trace.records().empty());
+}

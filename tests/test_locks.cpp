@@ -82,25 +82,6 @@ bool waitUntilBlocked(const Waiter& waiter) {
 
 }  // namespace
 
-TEST(Locks, SecondInitialisationReturnsOneAndTheLockStaysUsable) {
-    ClapiLock lock;
-    memset(&lock, 0, sizeof lock);
-    EXPECT_EQ(0u, clapiIsLockInitialized(&lock));
-    ASSERT_EQ(0, clapiInitializeLock(&lock));
-    EXPECT_EQ(0xFFEEDDCCu, clapiIsLockInitialized(&lock));
-    ASSERT_EQ(0, clapiRequestLock(&lock));
-    EXPECT_EQ(1, clapiInitializeLock(&lock));   // while held: the mutex is left alone
-    EXPECT_EQ(EBUSY, pthread_mutex_trylock(&lock.lock));
-    ASSERT_EQ(0, clapiReleaseLock(&lock));
-    EXPECT_EQ(1, clapiInitializeLock(&lock));
-    ASSERT_EQ(0, pthread_mutex_trylock(&lock.lock));
-    ASSERT_EQ(0, pthread_mutex_unlock(&lock.lock));
-    ASSERT_EQ(0, clapiRequestLock(&lock));
-    ASSERT_EQ(0, clapiReleaseLock(&lock));
-    EXPECT_EQ(0, clapiDestroyLock(&lock));
-    EXPECT_EQ(0xCCDDEEFFu, clapiIsLockInitialized(&lock));
-}
-
 // A destroyed or never initialised lock is refused before its mutex is touched, with one record each.
 TEST(Locks, DeadLocksAreRefused) {
     TraceCapture trace(1);
@@ -160,22 +141,6 @@ TEST(Events, OneSignalReleasesEveryWaiter) {
     EXPECT_EQ(0, clapiDeleteEvent(&event));
 }
 
-// Signalling is level-triggered: a later wait passes until the event is reset.
-TEST(Events, WaitOnASignalledEventReturnsAtOnce) {
-    ClapiEvent event;
-    ASSERT_EQ(0, clapiCreateEvent(&event));
-    ASSERT_EQ(0, clapiClearEvent(&event));
-    for (int round = 0; round < 2; ++round) {
-        auto waiter = startWait(&event);
-        ASSERT_TRUE(waiter->finishedWithin(5)) << round;
-        EXPECT_EQ(0, waiter->result);
-    }
-    int expired = -1;
-    EXPECT_EQ(0, clapiTimedWaitEvent(&event, 30, &expired));
-    EXPECT_EQ(0, expired);
-    EXPECT_EQ(0, clapiDeleteEvent(&event));
-}
-
 TEST(Events, TimedWaitWithTimeoutZeroExpires) {
     ClapiEvent event;
     ASSERT_EQ(0, clapiCreateEvent(&event));   // a new event is reset
@@ -218,47 +183,4 @@ TEST(Events, ResetMakesLaterWaitsBlock) {
     EXPECT_GE(seconds, 0.9);
     EXPECT_LT(seconds, 5.0);
     EXPECT_EQ(0, clapiDeleteEvent(&event));
-}
-
-// Every event operation writes its DEBUG record (level 4) through the trace lock.
-TEST(Events, DebugRecords) {
-    TraceCapture trace(4);
-    ClapiEvent event;
-    int expired = 0;
-    clapiCreateEvent(&event);
-    clapiClearEvent(&event);
-    clapiWaitEvent(&event);
-    clapiTimedWaitEvent(&event, 7, &expired);
-    clapiSetEvent(&event);
-    clapiDeleteEvent(&event);
-
-    char timed[160];
-    snprintf(timed, sizeof timed,
-             "clapi_lock.clapiTimedWaitEvent() Waiting on event, eventPtr=%p, timeout=7, expired=%p",
-             static_cast<void*>(&event), static_cast<void*>(&expired));
-    struct Case { int id; std::string message; };
-    const Case cases[] = {
-        {3115, withPointer("clapi_lock.clapiCreateEvent() Creating event, eventPtr=%p", &event)},
-        {3122, withPointer("clapi_lock.clapiClearEvent() Clearing event, eventPtr=%p", &event)},
-        {3119, withPointer("clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=%p", &event)},
-        {3120, timed},
-        {3121, withPointer("clapi_lock.clapiSetEvent() Setting event, eventPtr=%p", &event)},
-        {3118, withPointer("clapi_lock.clapiDeleteEvent() Deleting event, eventPtr=%p", &event)},
-    };
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_GE(records.size(), 6u);
-    std::vector<TraceRecord> last(records.end() - 6, records.end());
-    for (size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(cases[i].id, last[i].id);
-        EXPECT_EQ("DEBUG", last[i].type);
-        EXPECT_EQ(cases[i].message, last[i].message);
-    }
-
-    // At level 3 the same operations write nothing.
-    ASSERT_EQ(0, ZEP_setAPITraceLevel(3));
-    trace.clear();
-    clapiCreateEvent(&event);
-    clapiClearEvent(&event);
-    clapiDeleteEvent(&event);
-    EXPECT_EQ("", trace.text());
 }

@@ -8,11 +8,10 @@
 
 #include <csignal>
 
-#include "conn_test_support.h"
+#include "library_support.h"
 #include "scripted_gateway.h"
 #include "trace_capture.h"
 
-using namespace conntest;
 
 namespace {
 
@@ -35,15 +34,6 @@ protected:
     ZepgwProcess gw;
     GatewayToken* tok = nullptr;
 };
-
-TEST_F(Receiver, ReplyLandsInTheCallersCommarea)
-{
-    open();
-    char area[32] = "hello";
-    EXPECT_EQ(0, callProgram(tok, "REVERSE", area, 5));
-    EXPECT_EQ(0, memcmp(area, "olleh", 5));
-    EXPECT_EQ(0, slotsInState(tok, SLOT_SENT) + slotsInState(tok, SLOT_REPLIED));
-}
 
 TEST_F(Receiver, PingBeforeEveryReplyChangesNothing)
 {

@@ -70,18 +70,6 @@ TEST(StorageDump, FullLineLayout) {
     }
 }
 
-TEST(StorageDump, ShortAreaPadsTheHexHalf) {
-    TraceCapture trace(0);
-    const uint8_t area[] = {0x41, 0x0A, 0x7E, 0x20, 0x7F};
-    Dump result = dump(trace, area, sizeof area);
-
-    EXPECT_EQ(5u, result.shown);
-    ASSERT_EQ(2u, result.lines.size());
-    const std::string hexHalf = "410A7E20 7F" + std::string(24, ' ');
-    ASSERT_EQ(35u, hexHalf.size());
-    EXPECT_EQ(addressOf(area) + hexHalf + " : A.~ .", result.lines[1]);
-}
-
 // How single bytes show: upper-case hex, and the character itself only when printable in the C locale.
 TEST(StorageDump, ByteRendering) {
     struct Case { uint8_t byte; const char* hex; char shown; };

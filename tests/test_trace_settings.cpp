@@ -118,55 +118,7 @@ TEST(EnvironmentLevel, ValidLevelWritesTheBannerToStandardError) {
     EXPECT_EQ(1u, bannerCount(lines));
 }
 
-TEST(EnvironmentLevel, LevelZeroWritesNothing) {
-    setEnvironment({{"ZEP_CLIENT_TRACE_LEVEL", "0"}});
-    StderrCapture err;
-    EXPECT_EQ(0, currentLevel());
-    EXPECT_EQ("", err.text());
-}
-
 // ---- Trace file from the environment ----
-
-TEST(EnvironmentFile, BannerAtTheTopOfTheFile) {
-    ScratchDir scratch;
-    setEnvironment({{"ZEP_CLIENT_TRACE_LEVEL", "3"}, {"ZEP_CLIENT_TRACE_FILE", scratch.file()}});
-    StderrCapture err;
-    EXPECT_EQ(3, currentLevel());
-
-    std::vector<std::string> lines = TraceCapture::splitLines(TraceCapture::readFile(scratch.file()));
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_TRUE(isBannerFirstLine(lines[0])) << lines[0];
-    EXPECT_EQ(levelLine(3, scratch.file()), lines[1]);
-    EXPECT_EQ((std::vector<int>{1066, 1071, 1035, 1037}), ids(TraceCapture::parse(TraceCapture::readFile(scratch.file()))));
-    EXPECT_EQ("", err.text());
-    ZEP_setAPITraceLevel(0);
-}
-
-TEST(EnvironmentFile, SwitchIsRecordedAtLevelFour) {
-    ScratchDir scratch;
-    setEnvironment({{"ZEP_CLIENT_TRACE_LEVEL", "4"}, {"ZEP_CLIENT_TRACE_FILE", scratch.file()}});
-    StderrCapture err;
-    EXPECT_EQ(4, currentLevel());
-    std::vector<TraceRecord> records = TraceCapture::parse(TraceCapture::readFile(scratch.file()));
-    ASSERT_FALSE(records.empty());
-    EXPECT_EQ(1072, records[0].id);
-    EXPECT_EQ("DEBUG", records[0].type);
-    EXPECT_EQ("clapi_impl.clapiSetAPITraceFileFromEnv() Trace file switched to new destination. Filename=" +
-                  scratch.file(),
-              records[0].message);
-    EXPECT_EQ("", err.text());
-    ZEP_setAPITraceLevel(0);
-}
-
-// An empty file name changes nothing, and no banner is written for it.
-TEST(EnvironmentFile, EmptyNameIsIgnored) {
-    setEnvironment({{"ZEP_CLIENT_TRACE_LEVEL", "3"}, {"ZEP_CLIENT_TRACE_FILE", ""}});
-    StderrCapture err;
-    EXPECT_EQ(3, currentLevel());
-    EXPECT_EQ(0u, bannerCount(err.lines()));
-    EXPECT_EQ((std::vector<int>{1066, 1071, 1035, 1037}), ids(err.records()));
-    ZEP_setAPITraceLevel(0);
-}
 
 TEST(EnvironmentFile, UnopenableFileLeavesTheDestination) {
     ScratchDir scratch;
@@ -250,16 +202,6 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- The setter functions ----
 
-TEST(SetTraceLevel, AcceptsZeroToFive) {
-    setEnvironment({});
-    for (int level = 0; level <= 5; ++level) {
-        EXPECT_EQ(0, ZEP_setAPITraceLevel(level)) << level;
-        EXPECT_EQ(level, currentLevel());
-    }
-    StderrCapture err;   // the last switch from 5 to 0 writes its entry record only
-    EXPECT_EQ(0, ZEP_setAPITraceLevel(0));
-}
-
 TEST(SetTraceLevel, RefusesOtherValuesAndKeepsTheLevel) {
     setEnvironment({});
     TraceCapture trace(3);
@@ -273,35 +215,6 @@ TEST(SetTraceLevel, RefusesOtherValuesAndKeepsTheLevel) {
         EXPECT_TRUE(trace.has(1040, "API.ZEP_setAPITraceLevel() rc=-104 (ZEP_ERR_TRACELEVEL) New trace level=3"));
         EXPECT_EQ("*EXC*", trace.find(1039)[0].type);
     }
-}
-
-// Raising the level from 0 repeats the banner until a trace file call has written it once.
-TEST(SetTraceLevel, BannerRepeatsUntilAFileCallWritesIt) {
-    setEnvironment({});
-    StderrCapture err;
-    ASSERT_EQ(0, ZEP_setAPITraceLevel(2));
-    ASSERT_EQ(0, ZEP_setAPITraceLevel(0));
-    ASSERT_EQ(0, ZEP_setAPITraceLevel(2));
-    EXPECT_EQ(2u, bannerCount(err.lines()));
-    ASSERT_EQ(0, ZEP_setAPITraceFile(nullptr));
-    EXPECT_EQ(3u, bannerCount(err.lines()));
-    ASSERT_EQ(0, ZEP_setAPITraceLevel(0));
-    ASSERT_EQ(0, ZEP_setAPITraceLevel(2));
-    EXPECT_EQ(3u, bannerCount(err.lines()));
-    ZEP_setAPITraceLevel(0);
-}
-
-TEST(SetTraceFile, NullWhileOnStandardErrorIsUnchanged) {
-    setEnvironment({});
-    StderrCapture err;
-    ASSERT_EQ(0, ZEP_setAPITraceLevel(4));
-    EXPECT_EQ(0, ZEP_setAPITraceFile(nullptr));
-    std::vector<TraceRecord> records = err.records();
-    EXPECT_TRUE(hasRecord(records, 1041, "API.ZEP_setAPITraceFile(traceFile=NULL) Current trace destination=stderr"));
-    EXPECT_TRUE(hasRecord(records, 1043, "API.ZEP_setAPITraceFile() Trace file destination is unchanged. Filename=stderr"));
-    EXPECT_TRUE(hasRecord(records, 1045, "API.ZEP_setAPITraceFile() rc=0 (ZEP_OK) New trace destination=stderr"));
-    EXPECT_EQ(2u, bannerCount(err.lines()));   // the level's banner, then the file call's own
-    ZEP_setAPITraceLevel(0);
 }
 
 TEST(SetTraceFile, SwitchToAFileAndBack) {

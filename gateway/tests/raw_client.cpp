@@ -46,83 +46,7 @@ ssize_t recvBefore(int fd, uint8_t* into, size_t n, Clock::time_point deadline)
     }
 }
 
-int nibble(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 }  // namespace
-
-Bytes hex(const std::string& digits)
-{
-    Bytes out;
-    int high = -1;
-    for (char c : digits) {
-        const int v = nibble(c);
-        if (v < 0)
-            continue;
-        if (high < 0) {
-            high = v;
-        } else {
-            out.push_back(static_cast<uint8_t>(high * 16 + v));
-            high = -1;
-        }
-    }
-    return out;
-}
-
-Bytes ascii(const std::string& text) { return Bytes(text.begin(), text.end()); }
-
-Bytes be32(int32_t value)
-{
-    const uint32_t u = static_cast<uint32_t>(value);
-    return Bytes{uint8_t(u >> 24), uint8_t(u >> 16), uint8_t(u >> 8), uint8_t(u)};
-}
-
-Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes& p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-Bytes repeat(uint8_t value, size_t count) { return Bytes(count, value); }
-
-Bytes scramble(const std::string& password)
-{
-    Bytes out(password.size());
-    for (size_t i = 0; i < password.size(); ++i) {
-        const uint8_t c = static_cast<uint8_t>(password[i]);
-        out[i] = i == 0 ? uint8_t(~c) : uint8_t(c ^ static_cast<uint8_t>(password[i - 1]));
-    }
-    return out;
-}
-
-std::string toHex(const Bytes& bytes)
-{
-    std::string s;
-    char b[4];
-    for (uint8_t v : bytes) {
-        std::snprintf(b, sizeof b, "%02X", v);
-        s += b;
-    }
-    return s;
-}
-
-Bytes header(int32_t flowType, int32_t messageId, const std::string& requestType,
-             size_t payloadLength)
-{
-    return cat({hex("47617465 10901000"), be32(flowType), be32(messageId), be32(0),
-                be32(static_cast<int32_t>(requestType.size())), ascii(requestType), hex("00"),
-                be32(static_cast<int32_t>(payloadLength))});
-}
 
 Bytes handshakePayload(const std::string& applid, const std::string& qualifier)
 {
@@ -146,7 +70,7 @@ Bytes eciPayload(const EciCall& c)
     userid.resize(16, 0);
     Bytes out = cat({be32(c.kind), be32(c.extendMode), be32(c.luwToken), be32(0), hex("00"),
                      be32(8), ascii(c.system), userid,
-                     be32(static_cast<int32_t>(c.password.size())), scramble(c.password),
+                     be32(static_cast<int32_t>(c.password.size())), Wire().scrambled(c.password).b,
                      ascii(c.program), ascii(c.transid), be32(0), be32(length)});
     out = cat({out, c.outboundLength > 0 ? cat({hex("FF"), be32(c.outboundLength)}) : hex("00"),
                c.inboundLength > 0 ? cat({hex("FF"), be32(c.inboundLength)}) : hex("00"),
@@ -176,15 +100,6 @@ Bytes containerRecord(const std::string& name, uint8_t type, int32_t ccsid, cons
 {
     return cat({name16(name), Bytes{1, 0, 0, type}, be32(ccsid),
                 be32(static_cast<int32_t>(data.size())), data});
-}
-
-int32_t wordAt(const Bytes& bytes, size_t offset)
-{
-    if (bytes.size() < offset + 4)
-        return 0x7EEEEEEE;
-    return static_cast<int32_t>((uint32_t(bytes[offset]) << 24) |
-                                (uint32_t(bytes[offset + 1]) << 16) |
-                                (uint32_t(bytes[offset + 2]) << 8) | uint32_t(bytes[offset + 3]));
 }
 
 int32_t flowType(const Bytes& message) { return wordAt(message, 8); }

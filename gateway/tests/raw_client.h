@@ -8,23 +8,19 @@
 #include <string>
 #include <vector>
 
+#include "bytes.h"
+
 namespace gwtest {
 
-using Bytes = std::vector<uint8_t>;
-
-// Hex digits, blanks ignored: hex("47 61 74 65").
-Bytes hex(const std::string& digits);
-Bytes ascii(const std::string& text);
-Bytes be32(int32_t value);
-Bytes cat(std::initializer_list<Bytes> parts);
-Bytes repeat(uint8_t value, size_t count);
-// The scrambled form of a password as clients put it on the wire.
-Bytes scramble(const std::string& password);
-std::string toHex(const Bytes& bytes);
-
-// Header of a request as the client library writes it.
-Bytes header(int32_t flowType, int32_t messageId, const std::string& requestType,
-             size_t payloadLength);
+// Short names for the shared builder, as the zepgw tests write their byte strings.
+inline Bytes hex(const std::string& digits) { return hexBytes(digits); }
+inline Bytes ascii(const std::string& text) { return Bytes(text.begin(), text.end()); }
+inline Bytes be32(int32_t value) { return Wire().i32(value).b; }
+inline Bytes repeat(uint8_t value, size_t count) { return Bytes(count, value); }
+inline Bytes header(int32_t flowType, int32_t messageId, const std::string& requestType, size_t payloadLength)
+{
+    return Wire().header(flowType, messageId, requestType, static_cast<int32_t>(payloadLength)).b;
+}
 // The 22-byte-plus-names handshake payload.
 Bytes handshakePayload(const std::string& applid, const std::string& qualifier = "");
 
@@ -34,7 +30,6 @@ int32_t messageId(const Bytes& message);
 int32_t headerReturnCode(const Bytes& message);
 std::string requestType(const Bytes& message);
 Bytes payload(const Bytes& message);
-int32_t wordAt(const Bytes& bytes, size_t offset);
 
 // An ECI request of kind 1 or 12 as the client library lays it out.
 struct EciCall {

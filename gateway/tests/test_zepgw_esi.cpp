@@ -19,15 +19,15 @@ Bytes verifyPayload(const std::string& userid, const std::string& password,
                     const std::string& server)
 {
     return cat({be32(0), padded(userid, 10), be32(static_cast<int32_t>(password.size())),
-                scramble(password), padded(server, 8)});
+                Wire().scrambled(password).b, padded(server, 8)});
 }
 
 Bytes changePayload(const std::string& userid, const std::string& oldPassword,
                     const std::string& newPassword, const std::string& server = "")
 {
     return cat({be32(1), padded(userid, 10), be32(static_cast<int32_t>(oldPassword.size())),
-                scramble(oldPassword), padded(server, 8),
-                be32(static_cast<int32_t>(newPassword.size())), scramble(newPassword)});
+                Wire().scrambled(oldPassword).b, padded(server, 8),
+                be32(static_cast<int32_t>(newPassword.size())), Wire().scrambled(newPassword).b});
 }
 
 // The seven words of time t (1 to 3) of the user in position k of the table.
@@ -118,34 +118,12 @@ TEST_F(ZepgwEsi, VerifyAgainstBuiltInUsers)
     }
 }
 
-TEST_F(ZepgwEsi, CountGrowsWithEachSuccessfulVerification)
-{
-    start();
-    EXPECT_EQ(toHex(exchange(verifyPayload("ALICE", "WONDER11", ""))), toHex(success(1, 1)));
-    exchange(verifyPayload("ALICE", "bad", ""));
-    EXPECT_EQ(toHex(exchange(verifyPayload("ALICE", "WONDER11", ""))), toHex(success(1, 2)));
-    EXPECT_EQ(toHex(exchange(verifyPayload("ZEPUSER", "ZEPPASS1", ""))), toHex(success(0, 1)));
-    RawClient other;
-    ASSERT_TRUE(other.connect(gw.port()));
-    const Bytes p = verifyPayload("ALICE", "WONDER11", "");
-    Bytes answer;
-    ASSERT_TRUE(other.call(cat({header(1, 1, "ESI", p.size()), p}), answer));
-    EXPECT_EQ(toHex(payload(answer)), toHex(success(1, 3)));
-}
-
 TEST_F(ZepgwEsi, ChangeIsKeptAndTheOldPasswordStopsWorking)
 {
     start();
     EXPECT_EQ(toHex(exchange(changePayload("ALICE", "WONDER11", "NEWPASS1"))), toHex(success(1, 0)));
     EXPECT_EQ(toHex(exchange(verifyPayload("ALICE", "WONDER11", ""))), toHex(be32(-106)));
     EXPECT_EQ(toHex(exchange(verifyPayload("ALICE", "NEWPASS1", ""))), toHex(success(1, 1)));
-}
-
-TEST_F(ZepgwEsi, ChangeOfExpiredPasswordSucceedsAndEndsTheExpiry)
-{
-    start();
-    EXPECT_EQ(toHex(exchange(changePayload("EXPIRED", "OLDPASS1", "FRESH123"))), toHex(success(2, 0)));
-    EXPECT_EQ(toHex(exchange(verifyPayload("EXPIRED", "FRESH123", ""))), toHex(success(2, 1)));
 }
 
 struct ChangeCase {
@@ -175,12 +153,6 @@ TEST_F(ZepgwEsi, ChangeFailures)
     EXPECT_EQ(toHex(exchange(verifyPayload("ALICE", "WONDER11", ""))), toHex(success(1, 1)));
 }
 
-TEST_F(ZepgwEsi, FourCharacterNewPasswordIsAccepted)
-{
-    start();
-    EXPECT_EQ(wordAt(exchange(changePayload("ZEPUSER", "ZEPPASS1", "abcd")), 0), 0);
-}
-
 TEST_F(ZepgwEsi, UsersFileReplacesTheTable)
 {
     TempFile users("# test users\n\nFIRST  one1\nSECOND two2 expired\n");
@@ -193,7 +165,7 @@ TEST_F(ZepgwEsi, UsersFileReplacesTheTable)
 TEST_F(ZepgwEsi, UnknownKindGetsSystemError)
 {
     start();
-    const Bytes p = cat({be32(7), padded("ALICE", 10), be32(1), scramble("x"), padded("", 8)});
+    const Bytes p = cat({be32(7), padded("ALICE", 10), be32(1), Wire().scrambled("x").b, padded("", 8)});
     EXPECT_EQ(toHex(exchange(p)), toHex(be32(-9)));
 }
 

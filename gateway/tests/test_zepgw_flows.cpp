@@ -104,43 +104,4 @@ TEST_F(ZepgwFlows, HsbadeyeAnswersTheHandshakeWithBadEyecatcher)
     EXPECT_EQ(toHex(answer), toHex(expected));
 }
 
-TEST_F(ZepgwFlows, PingySendsPingBeforeEveryReply)
-{
-    start();
-    ASSERT_TRUE(client.handshake("PINGY"));
-    for (int id = 1; id <= 2; ++id) {
-        EciCall call;
-        call.commarea = ascii("data");
-        ASSERT_TRUE(client.send(eciMessage(id, call)));
-        Bytes ping, answer;
-        ASSERT_TRUE(client.read(ping));
-        EXPECT_EQ(toHex(ping), toHex(hex(kPing)));
-        ASSERT_TRUE(client.read(answer));
-        EXPECT_EQ(flowType(answer), 3);
-        EXPECT_EQ(messageId(answer), id);
-    }
-}
-
-TEST_F(ZepgwFlows, HandshakeWithQualifierIsAccepted)
-{
-    start();
-    const Bytes hs = handshakePayload("APP", "QUAL");
-    ASSERT_EQ(hs.size(), 29u);
-    Bytes answer;
-    ASSERT_TRUE(client.call(cat({header(5, -2, "BASE", hs.size()), hs}), answer));
-    EXPECT_EQ(toHex(answer), toHex(hex(kHandshakeReply)));
-}
-
-TEST_F(ZepgwFlows, VerboseLogNamesTheHandshake)
-{
-    start({"-v"});
-    ASSERT_TRUE(client.handshake("LOGAPP"));
-    Bytes answer;
-    ASSERT_TRUE(client.call(hex(kClose), answer));
-    ASSERT_TRUE(client.waitClosed());
-    ASSERT_TRUE(gw.stop());
-    EXPECT_NE(gw.log().find("conn 1 handshake applid 'LOGAPP' qualifier ''"), std::string::npos)
-        << gw.log();
-}
-
 }  // namespace

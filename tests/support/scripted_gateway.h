@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bytes.h"
 #include "clapi_internal.h"
 #include "zepclient.h"
 
@@ -74,19 +75,13 @@ public:
         return at(fixed, 12);
     }
 
-    static std::string be32(int32_t v)
-    {
-        std::string out;
-        for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(static_cast<uint32_t>(v) >> shift);
-        return out;
-    }
+    static std::string be32(int32_t v) { return Wire().i32(v).str(); }
 
     // A message header as the Gateway writes it, announcing `payload` bytes.
     static std::string header(int32_t flowType, int32_t messageId, const std::string& type, int32_t payload,
                               int32_t rc)
     {
-        return be32(FLOW_EYECATCHER) + be32(FLOW_VERSION) + be32(flowType) + be32(messageId) + be32(rc) +
-               be32(static_cast<int32_t>(type.size())) + type + std::string(1, '\0') + be32(payload);
+        return Wire().header(flowType, messageId, type, payload, rc).str();
     }
 
     void send(const std::string& bytes)
@@ -102,11 +97,7 @@ public:
     }
 
 private:
-    static int32_t at(const uint8_t* bytes, size_t offset)
-    {
-        return static_cast<int32_t>(static_cast<uint32_t>(bytes[offset]) << 24 | bytes[offset + 1] << 16 |
-                                    bytes[offset + 2] << 8 | bytes[offset + 3]);
-    }
+    static int32_t at(const uint8_t* bytes, size_t offset) { return wordAt(Bytes(bytes + offset, bytes + offset + 4), 0); }
 
     bool take(uint8_t* into, size_t length)
     {

@@ -1,0 +1,113 @@
+// Byte strings on the wire, built big-endian the way both ends write them; shared by the library's wire
+// suites, the scripted Gateway and the zepgw suites.
+//
+//     Bytes b = Wire().i32(0x47617465).text("ECI").u8(0).hex("0000 00B9").b;
+#ifndef ZEP_TEST_BYTES_H
+#define ZEP_TEST_BYTES_H
+
+#include <cstdint>
+#include <cstdio>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+using Bytes = std::vector<uint8_t>;
+
+struct Wire {
+    Wire& i32(int32_t v)
+    {
+        for (int shift = 24; shift >= 0; shift -= 8) b.push_back(static_cast<uint8_t>(static_cast<uint32_t>(v) >> shift));
+        return *this;
+    }
+    Wire& i16(int32_t v) { return u8(static_cast<uint32_t>(v) >> 8).u8(v); }
+    Wire& u8(uint32_t v)
+    {
+        b.push_back(static_cast<uint8_t>(v));
+        return *this;
+    }
+    Wire& text(const std::string& s)
+    {
+        b.insert(b.end(), s.begin(), s.end());
+        return *this;
+    }
+    // s cut or padded with 00 to width bytes.
+    Wire& field(const std::string& s, size_t width)
+    {
+        std::string f = s.substr(0, width);
+        f.resize(width, '\0');
+        return text(f);
+    }
+    Wire& raw(const Bytes& more)
+    {
+        b.insert(b.end(), more.begin(), more.end());
+        return *this;
+    }
+    Wire& fill(size_t n, uint8_t v)
+    {
+        b.insert(b.end(), n, v);
+        return *this;
+    }
+    // Hex digits, blanks ignored: hex("4761 7465").
+    Wire& hex(const std::string& digits)
+    {
+        int high = -1;
+        for (char c : digits) {
+            const int v = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                        : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+            if (v < 0) continue;
+            if (high < 0) {
+                high = v;
+            } else {
+                b.push_back(static_cast<uint8_t>(high * 16 + v));
+                high = -1;
+            }
+        }
+        return *this;
+    }
+    // A password as both ends put it on the wire: the first byte inverted, each later one XORed with the one
+    // before it in clear.
+    Wire& scrambled(const std::string& clear)
+    {
+        for (size_t i = 0; i < clear.size(); i++)
+            u8(i == 0 ? ~static_cast<uint8_t>(clear[0]) : clear[i] ^ clear[i - 1]);
+        return *this;
+    }
+    // A message header: eyecatcher, version, flow type, message id, return code, request type, payload length.
+    Wire& header(int32_t flowType, int32_t messageId, const std::string& type, int32_t payload, int32_t rc = 0)
+    {
+        i32(0x47617465).i32(0x10901000).i32(flowType).i32(messageId).i32(rc);
+        return i32(static_cast<int32_t>(type.size())).text(type).u8(0).i32(payload);
+    }
+    std::string str() const { return std::string(b.begin(), b.end()); }
+    Bytes b;
+};
+
+inline Bytes cat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+inline Bytes hexBytes(const std::string& digits) { return Wire().hex(digits).b; }
+
+inline std::string toHex(const Bytes& bytes)
+{
+    std::string out;
+    char two[4];
+    for (uint8_t byte : bytes) {
+        snprintf(two, sizeof two, "%02X", byte);
+        out += two;
+    }
+    return out;
+}
+
+// The big-endian word at offset, or 0x7EEEEEEE when the bytes end first.
+inline int32_t wordAt(const Bytes& bytes, size_t offset)
+{
+    if (bytes.size() < offset + 4) return 0x7EEEEEEE;
+    return static_cast<int32_t>(uint32_t(bytes[offset]) << 24 | uint32_t(bytes[offset + 1]) << 16 |
+                                uint32_t(bytes[offset + 2]) << 8 | uint32_t(bytes[offset + 3]));
+}
+
+#endif
