@@ -283,47 +283,4 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
     EXPECT_EQ((std::vector<std::string>{"one", "three", "two"}), got);
 }
 
-TEST(EciAsync, CallsFromManyThreadsAreCollectedByOne)
-{
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    constexpr int kSenders = 8, kEach = 25;
-    static char areas[kSenders][kEach][16];
-    std::atomic<int> failures{0}, finished{0};
-    std::vector<std::thread> senders;
-    for (int s = 0; s < kSenders; ++s)
-        senders.emplace_back([&, s] {
-            for (int i = 0; i < kEach; ++i) {
-                snprintf(areas[s][i], sizeof areas[s][i], "s%d-%d", s, i);
-                failures += startCall(conn.token(), "ECHO", areas[s][i], sizeof areas[s][i]) == 0;
-            }
-            ++finished;
-        });
-    // Collect while the senders still send; what goes wrong is noted and asserted once they are joined.
-    std::vector<bool> seen(kSenders * kEach, false);
-    std::vector<std::string> wrong;
-    int collected = 0;
-    const auto deadline = std::chrono::steady_clock::now() + seconds(30);
-    while ((finished.load() < kSenders || collected < kSenders * kEach - failures.load()) &&
-           std::chrono::steady_clock::now() < deadline) {
-        char reply[16];
-        const int rc = exec(conn.token(), replyBlock(ECI_GET_REPLY, 0, reply, sizeof reply));
-        if (rc == ECI_ERR_NO_REPLY) {
-            std::this_thread::yield();
-            continue;
-        }
-        ++collected;
-        int s = -1, i = -1;
-        if (rc != 0 || sscanf(reply, "s%d-%d", &s, &i) != 2 || s < 0 || s >= kSenders || i < 0 || i >= kEach ||
-            seen[s * kEach + i])
-            wrong.push_back("rc=" + std::to_string(rc) + " reply=" + std::string(reply, strnlen(reply, sizeof reply)));
-        else
-            seen[s * kEach + i] = true;
-    }
-    for (std::thread& t : senders) t.join();
-    EXPECT_EQ(0, failures.load());
-    EXPECT_TRUE(wrong.empty()) << wrong.size() << " wrong replies, the first: " << wrong.front();
-    EXPECT_EQ(kSenders * kEach, collected);
-}
-
 }  // namespace
