@@ -55,7 +55,12 @@ TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
     commit.eci_luw_token = luw.eci_luw_token;
     EXPECT_EQ(0, ZEP_ECI_Execute(tok, &commit));
 
-    // Extend mode 1 with a reply token of 0: the collected slot stays kept, not free and not awaiting a reply.
+    // Extend mode 1 with a reply token of 0: a synchronous call frees its slot; after an asynchronous one the
+    // collected slot stays kept, not free and not awaiting a reply.
+    EciParms sync = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
+    sync.eci_extend_mode = 1;
+    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &sync));
+    EXPECT_EQ(0, copyOf(sync.eci_luw_token));
     EXPECT_EQ(1u, startCall(tok, "ECHO", area, sizeof area, 1));
     EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, area, sizeof area);
     ASSERT_EQ(0, ZEP_ECI_Execute(tok, &collect));
@@ -64,7 +69,10 @@ TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
 
     // A specific reply can be taken out of order.
     char a[8] = "aaa", b[8] = "bbb", reply[8];
-    const uint32_t qa = startCall(tok, "UPPER", a, sizeof a);
+    EciParms capped = eciBlock(ECI_ASYNC, "UPPER", a, sizeof a);
+    capped.commarea_inbound_length = 100;   // capped at the area
+    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &capped));
+    const uint32_t qa = capped.eci_message_qualifier;
     const uint32_t qb = startCall(tok, "UPPER", b, sizeof b);
     ASSERT_EQ(0, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, qb, reply, sizeof reply)));
     EXPECT_STREQ("BBB", reply);
