@@ -21,10 +21,17 @@ EciParms block(int callType, const char* program, void* area, int length, int ex
     return parms;
 }
 
-TEST(EciSync, ProgramsLengthsAndCredentials)
-{
+// Every test here runs on a fresh zepgw with an open token.
+class EciSync : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(conn.ok()); }
     GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
+    GatewayToken* tok = conn.token();
+};
+class EciChannel : public EciSync {};
+
+TEST_F(EciSync, ProgramsLengthsAndCredentials)
+{
     const struct {
         const char *program, *input, *output;
         int rc;
@@ -43,7 +50,7 @@ TEST(EciSync, ProgramsLengthsAndCredentials)
         memcpy(area, c.input, n);
         EciParms parms = eciBlock(ECI_SYNC, c.program, area, n);
         memcpy(parms.eci_abend_code, "xxxx", 4);
-        EXPECT_EQ(c.rc, ZEP_ECI_Execute(conn.token(), &parms)) << c.program;
+        EXPECT_EQ(c.rc, ZEP_ECI_Execute(tok, &parms)) << c.program;
         EXPECT_EQ(std::string(c.output), std::string(area, n));
         EXPECT_EQ(0, memcmp(c.abend, parms.eci_abend_code, 4)) << c.program;
     }
@@ -61,7 +68,7 @@ TEST(EciSync, ProgramsLengthsAndCredentials)
         EciParms parms = eciBlock(ECI_SYNC, "ECHO", buffer, 40);
         parms.commarea_outbound_length = static_cast<int16_t>(c.outbound);
         parms.commarea_inbound_length = static_cast<int16_t>(c.inbound);
-        ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
+        ASSERT_EQ(0, ZEP_ECI_Execute(tok, &parms));
         EXPECT_EQ(sent.substr(0, c.echoed) + std::string(40 - c.echoed, '\0') + std::string(8, '\xEE'),
                   std::string(buffer, 48)) << c.outbound << " " << c.inbound;
     }
@@ -91,22 +98,20 @@ TEST(EciSync, ProgramsLengthsAndCredentials)
         memcpy(parms.eci_system_name, "ZEPSYS2 ", 8);
         parms.eci_timeout = 17;
         if (c.altTransid != nullptr) memcpy(parms.eci_alt_transid, c.altTransid, 4);
-        ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
+        ASSERT_EQ(0, ZEP_ECI_Execute(tok, &parms));
         EXPECT_NE(std::string::npos, std::string(area, sizeof area).find(c.shown)) << area;
     }
 }
 
-TEST(EciSync, PasswordIsHiddenInTheBlockDumpsAndRestored)
+TEST_F(EciSync, PasswordIsHiddenInTheBlockDumpsAndRestored)
 {
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
     TraceCapture trace(4);
     char area[16] = "dump me";
     EciParms parms = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
     parms.eci_version = 4;
     memcpy(parms.eci_userid, "DUMPUSER", 8);
     memcpy(parms.eci_password, "SECRETPW", 8);
-    ASSERT_EQ(0, ZEP_ECI_Execute(conn.token(), &parms));
+    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &parms));
     EXPECT_EQ(0, memcmp(parms.eci_password, "SECRETPW\0\0\0\0\0\0\0\0", 16));
     EXPECT_EQ(std::string::npos, trace.text().find("SECRETPW"));
     EXPECT_EQ(std::string::npos, trace.text().find("53454352"));   // "SECR" in hexadecimal
@@ -126,11 +131,8 @@ int be32(const char* b)
     return (uint8_t)b[0] << 24 | (uint8_t)b[1] << 16 | (uint8_t)b[2] << 8 | (uint8_t)b[3];
 }
 
-TEST(EciSync, ExtendedUnitOfWorkAcrossThreeCalls)
+TEST_F(EciSync, ExtendedUnitOfWorkAcrossThreeCalls)
 {
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    GatewayToken* tok = conn.token();
     char area[16] = {}, reply[16];
     EciParms first = block(ECI_SYNC, "LUW", area, sizeof area, 1);
     ASSERT_EQ(0, ZEP_ECI_Execute(tok, &first));
@@ -156,21 +158,19 @@ TEST(EciSync, ExtendedUnitOfWorkAcrossThreeCalls)
     EXPECT_EQ(ECI_ERR_LUW_TOKEN, exec(tok, block(ECI_SYNC, "LUW", area, sizeof area, 1, token)));
 }
 
-TEST(EciSync, FrameChecksAndRegistration)
+TEST_F(EciSync, FrameChecksAndRegistration)
 {
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
     TraceCapture trace(1);
     char area[8] = "x";
     EXPECT_EQ(ZEP_ERR_NULLGWTOK, exec(nullptr, eciBlock(ECI_SYNC, "ECHO", area, sizeof area)));
     EXPECT_TRUE(trace.has(1501, "API.ZEP_ECI_Execute() NULL gateway token, gwTok=(nil)"));
-    EXPECT_EQ(ZEP_ERR_NULLECIPOINTER, ZEP_ECI_Execute(conn.token(), nullptr));
+    EXPECT_EQ(ZEP_ERR_NULLECIPOINTER, ZEP_ECI_Execute(tok, nullptr));
     EXPECT_TRUE(trace.has(1502, "API.ZEP_ECI_Execute() NULL Eci Parameter, EciParms=(nil)"));
     EXPECT_EQ(ZEP_ERR_BADGWTOK, exec(reinterpret_cast<GatewayToken*>(area), eciBlock(ECI_SYNC, "ECHO", area, 8)));
     EciParms old = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
     old.eci_version = 2;
-    EXPECT_EQ(ECI_ERR_INVALID_VERSION, ZEP_ECI_Execute(conn.token(), &old));
-    EXPECT_EQ(0, conn.token()->apiCalls);   // every registration was undone
+    EXPECT_EQ(ECI_ERR_INVALID_VERSION, ZEP_ECI_Execute(tok, &old));
+    EXPECT_EQ(0, tok->apiCalls);   // every registration was undone
 }
 
 /* ---- Channels ---- */
@@ -189,11 +189,8 @@ std::map<std::string, std::pair<int, std::string>> contents(Channel* channel)
     return result;
 }
 
-TEST(EciChannel, ChecksServerChangesAndTheLockOnFailure)
+TEST_F(EciChannel, ChecksServerChangesAndTheLockOnFailure)
 {
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    GatewayToken* tok = conn.token();
     Channel* channel = nullptr;
     ASSERT_EQ(0, ECI_createChannel("CHANGES", &channel));
     char area[8];
@@ -241,11 +238,8 @@ TEST(EciChannel, ChecksServerChangesAndTheLockOnFailure)
     EXPECT_EQ(0, ECI_deleteChannel(&channel));
 }
 
-TEST(EciChannel, AsynchronousCallKeepsTheChannelLockedUntilCollected)
+TEST_F(EciChannel, AsynchronousCallKeepsTheChannelLockedUntilCollected)
 {
-    GatewayConnection conn;
-    ASSERT_TRUE(conn.ok());
-    GatewayToken* tok = conn.token();
     Channel* channel = nullptr;
     ASSERT_EQ(0, ECI_createChannel("ASYNCCHAN", &channel));
     ASSERT_EQ(0, ECI_createContainer(channel, "MODX", ECI_CHAR, 0, "xyz", 3));
