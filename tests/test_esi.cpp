@@ -173,6 +173,9 @@ TEST(EsiCalls, AnswersOfZepgwAndTextsRefusedBeforeSending)
         EXPECT_EQ(c.id, records[0].id);
         EXPECT_EQ(0u, records[0].message.find(c.message)) << records[0].message;
     }
+    char stranger[64] = {};   // not a token the library handed out
+    GatewayToken* bad = reinterpret_cast<GatewayToken*>(stranger);
+    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_ESI_verifyPassword(bad, "U", "P", nullptr, nullptr));
     EXPECT_EQ(0, tok->apiCalls);
     // Nothing of them reached zepgw, only the answered requests and the next proper one.
     EXPECT_EQ(0, ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, nullptr));
