@@ -1,16 +1,13 @@
 /* ECI requests and replies, byte for byte over a socket pair. */
 #include "library_support.h"
 
+#include <climits>
+#include <functional>
 #include <thread>
 
 namespace {
 
-FlowHeader eciHeader(int32_t messageId)
-{
-    return requestHeader(messageId, ECI_REQUEST_NAME);
-}
-
-/* A synchronous program call with a COMMAREA of `length` bytes 0, 1, 2, ... */
+/* A program call with a COMMAREA of `length` bytes 0, 1, 2, ... */
 struct ProgramCall {
     explicit ProgramCall(int32_t length) : commarea((size_t)length)
     {
@@ -32,72 +29,40 @@ struct ProgramCall {
     EciRequest request;
 };
 
-/*
- * Sends the request and returns every payload byte that went over; the header on the wire and the header
- * handed back must both announce exactly that many bytes.
- */
-Bytes sentPayload(EciRequest* request, int32_t messageId = 3)
+/* Sends the request; returns the whole message, whose header must announce the payload that follows. */
+Bytes sent(EciRequest* request)
 {
     SocketPair pair;
-    FlowHeader header = eciHeader(messageId);
+    FlowHeader header = requestHeader(3, ECI_REQUEST_NAME);
     Bytes wire;
     std::thread reader([&] { wire = pair.take(); });
     EXPECT_EQ(0, clapiFlowECIRequest(pair.lib, &header, request));
     shutdown(pair.lib, SHUT_WR);
     reader.join();
-    if (wire.size() < 32) {
-        ADD_FAILURE() << "only " << wire.size() << " bytes went over";
-        return Bytes();
-    }
-    Bytes payload(wire.begin() + 32, wire.end());
-    EXPECT_EQ(toHex(Wire().header(1, messageId, "ECI", (int32_t)payload.size()).b),
-              toHex(Bytes(wire.begin(), wire.begin() + 32)));
-    EXPECT_EQ((int32_t)payload.size(), header.payloadLength);
-    return payload;
+    if (wire.size() < 32) return Bytes();
+    const int32_t payload = (int32_t)wire.size() - 32;
+    EXPECT_EQ(toHex(Wire().header(1, 3, "ECI", payload).b), toHex(Bytes(wire.begin(), wire.begin() + 32)));
+    EXPECT_EQ(payload, header.payloadLength);
+    return wire;
 }
 
-/* Fields 1 to 14 of a program call with the ProgramCall defaults. */
-Wire programCallHead(int32_t kind = 1, int32_t extendMode = 0)
-{
-    Wire w;
-    w.i32(kind).i32(extendMode).i32(0).i32(0).u8(0).i32(8).field("SYS1", 8).field("USER1", 16);
-    w.i32(2).raw(Wire().scrambled("pw").b).text("PROG1   ").text("TRN1").i32(0);
-    return w;
-}
-
-Wire& trailer(Wire& w, int32_t timeout = 30, int32_t correlator = 5)
-{
-    return w.i16(timeout).u8(0).i32(-1).i32(correlator);
-}
-
-TEST(EciRequestFlow, HundredByteCommareaGivesTheHundredEightyFiveBytePayload)
-{
-    TraceCapture trace(3);
-    ProgramCall call(100);
-    Bytes payload = sentPayload(&call.request);
-    Wire expected = programCallHead();
-    expected.i32(100).u8(0).u8(0).raw(call.commarea).u8(0);
-    trailer(expected);
-    EXPECT_EQ(185u, payload.size());
-    EXPECT_EQ(toHex(expected.b), toHex(payload));
-    EXPECT_EQ(std::vector<std::string>({"EXIT calculateECIRequestSize() requestSize=185"}), recordTexts(trace, 3203));
-}
-
-TEST(EciRequestFlow, DataTraceShowsThePasswordAsAsterisks)
+TEST(EciRequestFlow, HundredByteCommareaGivesTheGoldenPayloadAndTheDumpHidesThePassword)
 {
     TraceCapture trace(4);
-    ProgramCall call(10);
-    call.request.password = "pw";
-    Bytes payload = sentPayload(&call.request);
-    ASSERT_EQ(15u + 68u + 2u + 10u, payload.size());
+    ProgramCall call(100);
+    Bytes wire = sent(&call.request);
+    Wire expected = Wire().header(1, 3, "ECI", 185);
+    expected.i32(1).i32(0).i32(0).i32(0).u8(0).i32(8).field("SYS1", 8).field("USER1", 16);
+    expected.i32(2).raw(Wire().scrambled("pw").b).text("PROG1   ").text("TRN1").i32(0);
+    expected.i32(100).u8(0).u8(0).raw(call.commarea).u8(0).i16(30).u8(0).i32(-1).i32(5);
+    EXPECT_EQ(toHex(expected.b), toHex(wire));
+    EXPECT_EQ(std::vector<std::string>({"EXIT calculateECIRequestSize() requestSize=185"}), recordTexts(trace, 3203));
+    /* The data dump shows the first 128 bytes, the two password bytes (after 32 + 49 bytes) as asterisks. */
     std::vector<TraceRecord> data = trace.find(2526);
     ASSERT_EQ(1u, data.size());
-    /* Header 32 bytes, then fields 1 to 9 take 49 bytes before the password. */
-    Wire shown = Wire().header(1, 3, "ECI", (int32_t)payload.size());
-    shown.raw(Bytes(payload.begin(), payload.begin() + 49)).fill(2, 0x2A);
-    shown.raw(Bytes(payload.begin() + 51, payload.end()));
-    EXPECT_EQ(toHex(shown.b), toHex(dumpedBytes(trace.linesAfter(data[0]))));
-    EXPECT_EQ(toHex(Wire().scrambled("pw").b), toHex(Bytes(payload.begin() + 49, payload.begin() + 51)));
+    Bytes shown(wire.begin(), wire.begin() + 128);
+    shown[81] = shown[82] = 0x2A;
+    EXPECT_EQ(toHex(shown), toHex(dumpedBytes(trace.linesAfter(data[0]))));
 }
 
 TEST(EciRequestFlow, SizeEqualsTheBytesWrittenForEveryCombination)
@@ -107,215 +72,145 @@ TEST(EciRequestFlow, SizeEqualsTheBytesWrittenForEveryCombination)
     ASSERT_EQ(0, ECI_createContainer(channel, "FIVE", ECI_BIT, 0, "12345", 5));
     ASSERT_EQ(0, ECI_createContainer(channel, "EMPTY", ECI_BIT, 0, NULL, 0));
     const uint8_t optional[4] = {1, 2, 3, 4};
-    int combinations = 0;
-    for (int32_t kind : {1, 12, 9, 5}) {
-        for (int32_t mode : {0, 1, 2, 4}) {
-            for (int32_t length : {0, 7, 40000}) {
-                for (const char* password : {(const char*)NULL, "", "secret"}) {
-                    for (bool withChannel : {false, true}) {
-                        for (int32_t marker : {-1, 1}) {
-                            ProgramCall call(length);
-                            call.request.requestKind = kind;
-                            call.request.extendMode = mode;
-                            call.request.password = password;
-                            call.request.outboundLength = combinations % 3 == 0 ? length / 2 : 0;
-                            call.request.inboundLength = combinations % 2 == 0 ? length : 0;
-                            call.request.channel = withChannel ? channel : NULL;
-                            call.request.optionalMarker = marker;
-                            call.request.optional1Length = marker == -1 ? 0 : 4;
-                            call.request.optional1 = optional;
-                            call.request.optional2Length = marker == -1 ? 0 : 2;
-                            call.request.optional2 = optional;
-                            Bytes payload = sentPayload(&call.request);
-                            EXPECT_EQ((size_t)calculateECIRequestSize(&call.request), payload.size())
-                                << kind << " " << mode << " " << length << " " << (password ? password : "NULL") << " "
-                                << withChannel << " " << marker;
-                            ASSERT_GE(payload.size(), 4u);
-                            EXPECT_EQ("00000005", toHex(Bytes(payload.end() - 4, payload.end())));
-                            combinations++;
-                        }
-                    }
-                }
-            }
-        }
+    const int32_t kinds[] = {1, 12, 9, 5}, modes[] = {0, 1, 2, 4}, lengths[] = {0, 7, 40000};
+    const char* passwords[] = {NULL, "", "secret"};
+    for (int n = 0; n < 4 * 4 * 3 * 3 * 2 * 2; n++) {
+        const int32_t length = lengths[n / 16 % 3], marker = n / 288 % 2 ? 1 : -1;
+        ProgramCall call(length);
+        call.request.requestKind = kinds[n % 4];
+        call.request.extendMode = modes[n / 4 % 4];
+        call.request.password = passwords[n / 48 % 3];
+        call.request.channel = n / 144 % 2 ? channel : NULL;
+        call.request.outboundLength = n % 3 == 0 ? length / 2 : 0;
+        call.request.inboundLength = n % 2 == 0 ? length : 0;
+        call.request.optionalMarker = marker;
+        call.request.optional1Length = marker == -1 ? 0 : 4;
+        call.request.optional1 = optional;
+        call.request.optional2Length = marker == -1 ? 0 : 2;
+        call.request.optional2 = optional;
+        Bytes wire = sent(&call.request);
+        ASSERT_EQ((size_t)calculateECIRequestSize(&call.request) + 32, wire.size()) << "combination " << n;
+        EXPECT_EQ("00000005", toHex(Bytes(wire.end() - 4, wire.end()))) << "combination " << n;
     }
-    EXPECT_EQ(4 * 4 * 3 * 3 * 2 * 2, combinations);
     EXPECT_EQ(0, ECI_deleteChannel(&channel));
-}
-
-TEST(EciRequestFlow, LostConnectionIsReported)
-{
     SocketPair pair;
     pair.closePeer();
     ProgramCall call(10);
-    FlowHeader header = eciHeader(1);
+    FlowHeader header = requestHeader(1, ECI_REQUEST_NAME);
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, clapiFlowECIRequest(pair.lib, &header, &call.request));
 }
 
 /* ---- Replies ---- */
 
-/* The reply record as the receiver prepares it: where data go and how much room there is. */
-struct ReplyTarget {
-    ReplyTarget(uint32_t capacity, int32_t extendMode = 0) : area(capacity + 1, 0xAA)
-    {
-        area[capacity] = 0x5A;   /* the byte after the area */
-        memset(&request, 0, sizeof request);
-        request.commarea = area.data();
-        request.commareaCapacity = capacity;
-        request.extendMode = extendMode;
-    }
-    Bytes area;
-    EciRequest request;
-};
+constexpr int32_t NO_DATA_LENGTH = INT32_MIN;   /* the reply carries no separate data length */
 
-int decode(SocketPair& pair, const Bytes& payload, EciRequest* request)
+Bytes counting(size_t n)
 {
-    std::thread writer([&] { pair.feed(payload); });
-    ReadBuffer in(pair.lib, (uint32_t)payload.size());
-    int rc = clapiReadECIResponse(&in.sb, request);
-    writer.join();
-    EXPECT_EQ(0u, in.sb.bytesRemaining);
-    EXPECT_EQ(0u, in.sb.bytesInBuffer);
-    return rc;
+    Bytes b(n);
+    for (size_t i = 0; i < n; i++) b[i] = (uint8_t)(i + 1);
+    return b;
 }
 
-Wire programReply(int32_t commareaLength, int32_t kind = ECI_KIND_PROGRAM)
+/* A program reply: COMMAREA length, an optional data length, `sent` data bytes 1, 2, 3, ... and no channel. */
+Bytes programReply(int32_t commareaLength, int32_t dataLength, size_t sent)
 {
     Wire w;
-    w.i32(kind).i32(0x10203040).i32(0).i32(-7).text("AB12").i32(commareaLength);
-    return w;
+    w.i32(ECI_KIND_PROGRAM).i32(0x10203040).i32(0).i32(-7).text("AB12").i32(commareaLength);
+    if (dataLength == NO_DATA_LENGTH) w.u8(0);
+    else w.u8(0xFF).u8(0).i32(dataLength);
+    return w.raw(counting(sent)).u8(0).b;
 }
 
-TEST(EciReply, ShortDataFillTheAreaAndZeroTheRestOfTheCommarea)
+struct ReplyCase {
+    const char* what;
+    uint32_t capacity;
+    int32_t extendMode;
+    Bytes payload;
+    int rc;
+    int32_t commareaLength;
+    int32_t inbound;        /* data bytes stored; the rest of the area is zero */
+    bool untouched;         /* the area keeps its 0xAA bytes */
+    std::string trace;      /* the *EXC* record 3249, empty when none */
+    bool cutShort = false;  /* the Gateway closes the connection after the payload */
+};
+
+std::string dropped(int data, int area)
 {
-    SocketPair pair;
-    ReplyTarget target(100);
-    Bytes data(20, 0x33);
-    Bytes payload = programReply(100).u8(0xFF).u8(0).i32(20).raw(data).u8(0).b;
-    EXPECT_EQ(0, decode(pair, payload, &target.request));
-    EXPECT_EQ(1, target.request.requestKind);
-    EXPECT_EQ(0x10203040, target.request.luwToken);
-    EXPECT_EQ(-7, target.request.returnCode);
-    EXPECT_EQ(0, memcmp(target.request.abendCode, "AB12", 4));
-    EXPECT_EQ(100, target.request.commareaLength);
-    EXPECT_EQ(20, target.request.inboundLength);
-    EXPECT_EQ(toHex(data), toHex(Bytes(target.area.begin(), target.area.begin() + 20)));
-    EXPECT_EQ(toHex(Bytes(80, 0)), toHex(Bytes(target.area.begin() + 20, target.area.begin() + 100)));
-    EXPECT_EQ(0x5A, target.area[100]);
+    return "*EXC* Reply data of " + std::to_string(data) + " bytes exceed the reply area of " + std::to_string(area) +
+           " bytes; the excess is dropped";
 }
 
-TEST(EciReply, ExtendModesTwoAndFourSkipDataBytesAndTheNextMessageStillDecodes)
+std::string badLength(int commarea, int data)
 {
-    for (int32_t mode : {2, 4}) {
-        for (bool flag : {false, true}) {
-            SocketPair pair;
-            ReplyTarget target(10, mode);
-            Wire reply = programReply(10);
-            if (flag) reply.u8(0xFF).u8(0).i32(10);
-            else reply.u8(0);
-            reply.fill(10, 0x41).u8(0);
-            EXPECT_EQ(0, decode(pair, reply.b, &target.request)) << mode << " " << flag;
-            EXPECT_EQ(toHex(Bytes(10, 0xAA)), toHex(Bytes(target.area.begin(), target.area.begin() + 10))) << mode;
-            EXPECT_EQ(0, target.request.inboundLength);
-            EXPECT_EQ(-7, target.request.returnCode);
-
-            ReplyTarget next(4);
-            EXPECT_EQ(0, decode(pair, programReply(4).u8(0).raw({9, 8, 7, 6}).u8(0).b, &next.request));
-            EXPECT_EQ("090807065A", toHex(next.area));
-        }
-    }
+    return "*EXC* Bad length in ECI reply: COMMAREA length " + std::to_string(commarea) + ", data length " +
+           std::to_string(data);
 }
 
-TEST(EciReply, DataBeyondTheAreaAreDroppedAndTheNextMessageStillDecodes)
+const ReplyCase replyCases[] = {
+    {"short data fill the area, the rest is zeroed", 100, 0, programReply(100, 20, 20), 0, 100, 20, false, ""},
+    {"extend mode 2 skips the data", 10, 2, programReply(10, NO_DATA_LENGTH, 10), 0, 10, 0, true, ""},
+    {"extend mode 2 skips flagged data", 10, 2, programReply(10, 10, 10), 0, 10, 0, true, ""},
+    {"extend mode 4 skips the data", 10, 4, programReply(10, NO_DATA_LENGTH, 10), 0, 10, 0, true, ""},
+    {"extend mode 4 skips flagged data", 10, 4, programReply(10, 10, 10), 0, 10, 0, true, ""},
+    {"data beyond the area", 10, 0, programReply(30, NO_DATA_LENGTH, 30), 0, 30, 10, false, dropped(30, 10)},
+    {"flagged data beyond the area", 10, 0, programReply(30, 30, 30), 0, 30, 10, false, dropped(30, 10)},
+    {"long data beyond a short COMMAREA", 10, 0, programReply(5, 40000, 40000), 0, 5, 10, false, dropped(40000, 10)},
+    {"no area at all", 0, 0, programReply(50000, NO_DATA_LENGTH, 50000), 0, 50000, 0, false, dropped(50000, 0)},
+    {"less data than the COMMAREA", 10, 0, programReply(50, 5, 5), 0, 50, 5, false, ""},
+    {"system list", 6, 0, Wire().i32(9).i32(2).i32(0).i32(6).raw(counting(6)).b, 0, 6, 6, false, ""},
+    {"negative COMMAREA length", 10, 0, programReply(-1, NO_DATA_LENGTH, 0), ZEP_ERR_SYSTEM_ERROR, -1, 0, true,
+     badLength(-1, -1)},
+    {"negative data length", 10, 0, programReply(10, -1, 0), ZEP_ERR_SYSTEM_ERROR, 10, 0, true, badLength(10, -1)},
+    {"both negative", 10, 0, programReply(-5, 3, 0), ZEP_ERR_SYSTEM_ERROR, -5, 0, true, badLength(-5, 3)},
+    {"lowest COMMAREA length", 10, 0, programReply(INT32_MIN, NO_DATA_LENGTH, 0), ZEP_ERR_SYSTEM_ERROR, INT32_MIN, 0,
+     true, badLength(INT32_MIN, INT32_MIN)},
+    {"reply cut short by the Gateway", 10, 0, Bytes(programReply(10, NO_DATA_LENGTH, 3)), ZEP_ERR_LOSTGWCON, 10, 0,
+     true, "", true},
+};
+
+TEST(EciReply, DecodingTable)
 {
-    struct Case {
-        uint32_t capacity;
-        int32_t commareaLength;
-        int32_t dataLength;
-        bool flag;
-    } cases[] = {
-        {10, 30, 30, false}, {10, 30, 30, true}, {10, 5, 40000, true}, {0, 50000, 50000, false}, {10, 50, 5, true},
-    };
-    for (const Case& c : cases) {
+    for (const ReplyCase& c : replyCases) {
+        SCOPED_TRACE(c.what);
         SocketPair pair;
         TraceCapture trace(1);
-        ReplyTarget target(c.capacity);
-        Bytes data((size_t)c.dataLength);
-        for (size_t i = 0; i < data.size(); i++) data[i] = (uint8_t)(i + 1);
-        Wire reply = programReply(c.commareaLength);
-        if (c.flag) reply.u8(0xFF).u8(0).i32(c.dataLength);
-        else reply.u8(0);
-        reply.raw(data).u8(0);
-        EXPECT_EQ(0, decode(pair, reply.b, &target.request)) << c.dataLength;
-        uint32_t stored = std::min(c.capacity, (uint32_t)c.dataLength);
-        EXPECT_EQ((int32_t)stored, target.request.inboundLength);
-        EXPECT_EQ(c.commareaLength, target.request.commareaLength);
-        EXPECT_EQ(toHex(Bytes(data.begin(), data.begin() + stored)),
-                  toHex(Bytes(target.area.begin(), target.area.begin() + stored)));
-        EXPECT_EQ(toHex(Bytes(c.capacity - stored, 0)), toHex(Bytes(target.area.begin() + stored, target.area.end() - 1)));
-        EXPECT_EQ(0x5A, target.area[c.capacity]);
-        std::vector<std::string> expected;
-        if ((uint32_t)c.dataLength > c.capacity) {
-            expected.push_back("*EXC* Reply data of " + std::to_string(c.dataLength) + " bytes exceed the reply area of " +
-                               std::to_string(c.capacity) + " bytes; the excess is dropped");
-        }
-        EXPECT_EQ(expected, recordTexts(trace, 3249));
-
-        ReplyTarget next(4);
-        EXPECT_EQ(0, decode(pair, programReply(4).u8(0).raw({9, 8, 7, 6}).u8(0).b, &next.request));
-        EXPECT_EQ("090807065A", toHex(next.area));
-    }
-}
-
-TEST(EciReply, NegativeLengthsAreProtocolErrors)
-{
-    struct Case {
-        int32_t commareaLength;
-        bool flag;
-        int32_t dataLength;
-    } cases[] = {{-1, false, 0}, {10, true, -1}, {-5, true, 3}, {(int32_t)0x80000000, false, 0}};
-    for (const Case& c : cases) {
-        SocketPair pair;
-        TraceCapture trace(1);
-        ReplyTarget target(10);
-        Wire reply = programReply(c.commareaLength);
-        if (c.flag) reply.u8(0xFF).u8(0).i32(c.dataLength);
-        else reply.u8(0);
-        EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, decode(pair, reply.b, &target.request));
-        int32_t shownData = c.flag ? c.dataLength : c.commareaLength;
-        EXPECT_EQ(std::vector<std::string>({"*EXC* Bad length in ECI reply: COMMAREA length " +
-                                            std::to_string(c.commareaLength) + ", data length " +
-                                            std::to_string(shownData)}),
+        Bytes area(c.capacity + 1, 0xAA);
+        area[c.capacity] = 0x5A;   /* the byte after the area */
+        EciRequest request;
+        memset(&request, 0, sizeof request);
+        request.commarea = area.data();
+        request.commareaCapacity = c.capacity;
+        request.extendMode = c.extendMode;
+        Bytes payload = c.payload;
+        if (c.cutShort) payload.pop_back();
+        std::thread writer([&] {
+            pair.feed(payload);
+            if (c.cutShort) pair.closePeer();
+        });
+        ReadBuffer in(pair.lib, (uint32_t)payload.size() + (c.cutShort ? 8 : 0));
+        EXPECT_EQ(c.rc, clapiReadECIResponse(&in.sb, &request));
+        writer.join();
+        Bytes expected = c.untouched ? Bytes(c.capacity, 0xAA) : counting((size_t)c.inbound);
+        expected.resize(c.capacity, 0);
+        expected.push_back(0x5A);
+        EXPECT_EQ(toHex(expected), toHex(area));
+        EXPECT_EQ(c.trace.empty() ? std::vector<std::string>() : std::vector<std::string>{c.trace},
                   recordTexts(trace, 3249));
-        EXPECT_EQ(toHex(Bytes(10, 0xAA)), toHex(Bytes(target.area.begin(), target.area.begin() + 10)));
+        if (c.rc != 0) continue;
+        EXPECT_EQ(c.commareaLength, request.commareaLength);
+        EXPECT_EQ(c.inbound, request.inboundLength);
+        EXPECT_EQ(c.payload[3], request.requestKind);
+        if (request.requestKind == ECI_KIND_PROGRAM) {
+            EXPECT_EQ(0x10203040, request.luwToken);
+            EXPECT_EQ(-7, request.returnCode);
+            EXPECT_EQ(0, memcmp(request.abendCode, "AB12", 4));
+        } else {
+            EXPECT_EQ(2, request.replyToken);
+        }
+        /* Every byte of the reply was read, the skipped ones too: the next message starts in step. */
+        EXPECT_EQ(0u, in.sb.bytesRemaining);
+        EXPECT_EQ(0u, in.sb.bytesInBuffer);
     }
 }
-
-TEST(EciReply, SystemListLandsInTheCallersList)
-{
-    SocketPair pair;
-    ReplyTarget target(6);
-    Bytes payload = Wire().i32(9).i32(2).i32(0).i32(6).text("SYSTEM").b;
-    EXPECT_EQ(0, decode(pair, payload, &target.request));
-    EXPECT_EQ(9, target.request.requestKind);
-    EXPECT_EQ(2, target.request.replyToken);
-    EXPECT_EQ(0, target.request.returnCode);
-    EXPECT_EQ(6, target.request.commareaLength);
-    EXPECT_EQ(6, target.request.inboundLength);
-    EXPECT_EQ("SYSTEM", std::string(target.area.begin(), target.area.begin() + 6));
-}
-
-TEST(EciReply, ReplyCutShortByTheGatewayIsALostConnection)
-{
-    SocketPair pair;
-    ReplyTarget target(10);
-    Bytes payload = programReply(10).u8(0).raw({1, 2, 3}).b;
-    pair.feed(payload);
-    pair.closePeer();
-    ReadBuffer in(pair.lib, (uint32_t)payload.size() + 8);
-    EXPECT_EQ(ZEP_ERR_LOSTGWCON, clapiReadECIResponse(&in.sb, &target.request));
-}
-
-/* ---- Against the Gateway emulator ---- */
 
 }  // namespace
