@@ -70,12 +70,10 @@ TEST_F(Close, BadArgumentsAndStaleTokensAreRefusedWithOneRecord)
     unsigned short count = 1;
     SystemInfo list[1];
     char area[8] = {0};
-    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_closeGatewayConnection(&stale));
-    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_purgeGatewayConnection(&stale, 0));
-    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_getApplid(stale, &text));
-    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_getApplidQualifier(stale, &text));
-    EXPECT_EQ(ZEP_ERR_BADGWTOK, ZEP_listSystems(stale, &count, list));
-    EXPECT_EQ(ZEP_ERR_BADGWTOK, callProgram(stale, "ECHO", area, sizeof area));
+    for (const int rc : {ZEP_closeGatewayConnection(&stale), ZEP_purgeGatewayConnection(&stale, 0), ZEP_getApplid(stale, &text),
+                         ZEP_getApplidQualifier(stale, &text), ZEP_listSystems(stale, &count, list),
+                         callProgram(stale, "ECHO", area, sizeof area)})
+        EXPECT_EQ(ZEP_ERR_BADGWTOK, rc);
     EXPECT_NE(nullptr, stale) << "a refused close leaves the variable alone";
 }
 
@@ -216,39 +214,35 @@ void keepLuwSlotWithChannel(GatewayToken* tok, Channel* chan)
     ASSERT_FALSE(channelLocked(chan));
 }
 
-TEST_F(Close, KeptUnitOfWorkDoesNotUnlockAChannelThatAnotherCallHolds)
+// A kept unit of work neither unlocks a channel that a call on another connection holds, nor touches its own
+// channel once that is deleted.
+TEST_F(Close, KeptUnitOfWorkLeavesItsChannelAlone)
 {
     GatewayToken* luwTok = open();
     GatewayToken* other = open();
-    Channel* chan = nullptr;
-    ASSERT_EQ(0, ECI_createChannel("SHARED", &chan));
-    keepLuwSlotWithChannel(luwTok, chan);
+    Channel* shared = nullptr;
+    Channel* gone = nullptr;
+    ASSERT_EQ(0, ECI_createChannel("SHARED", &shared));
+    ASSERT_EQ(0, ECI_createChannel("GONE", &gone));
+    keepLuwSlotWithChannel(luwTok, shared);
     EciParms hanging = eciBlock(ECI_ASYNC, "HANG");
-    hanging.eci_channel = chan;
+    hanging.eci_channel = shared;
     ASSERT_EQ(0, ZEP_ECI_Execute_Channel(other, &hanging));
-    ASSERT_TRUE(channelLocked(chan));
+    ASSERT_TRUE(channelLocked(shared));
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&luwTok));
-    EXPECT_TRUE(channelLocked(chan)) << "the uncollected call on the other connection still owns the channel";
-    // The quiesce gives the channel of an uncollected asynchronous call back.
-    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&other, 0));
-    EXPECT_FALSE(channelLocked(chan));
-    EXPECT_EQ(0, ECI_deleteChannel(&chan));
-}
-
-TEST_F(Close, ChannelDeletedAfterItsUnitOfWorkReplyIsNotTouchedByTheClose)
-{
-    GatewayToken* tok = open();
-    Channel* chan = nullptr;
-    ASSERT_EQ(0, ECI_createChannel("GONE", &chan));
-    keepLuwSlotWithChannel(tok, chan);
-    Channel* stale = chan;
-    ASSERT_EQ(0, ECI_deleteChannel(&chan));
+    EXPECT_TRUE(channelLocked(shared)) << "the uncollected call on the other connection still owns the channel";
+    keepLuwSlotWithChannel(other, gone);
+    Channel* stale = gone;
+    ASSERT_EQ(0, ECI_deleteChannel(&gone));
     {
-        ClapiLockGuard guard(&tok->tableLock);
-        for (RequestSlot* slot = tok->requestTable; slot != nullptr; slot = slot->nextSlot)
+        ClapiLockGuard guard(&other->tableLock);
+        for (RequestSlot* slot = other->requestTable; slot != nullptr; slot = slot->nextSlot)
             EXPECT_NE(stale, copyOf(slot->request.eci_channel)) << "slot " << slot->slotNumber;
     }
-    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
+    // The quiesce gives the channel of an uncollected asynchronous call back.
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&other, 0));
+    EXPECT_FALSE(channelLocked(shared));
+    EXPECT_EQ(0, ECI_deleteChannel(&shared));
 }
 
 TEST_F(Close, DescriptorOfAnEndedConnectionStaysTakenUntilTheTokenIsFreed)

@@ -208,58 +208,35 @@ TEST(Connect, ConcurrentOpensAtTraceLevelTwo)
     EXPECT_EQ(0, listedTokens());
 }
 
-// A list of `size` entries, every byte 0x5A so that untouched bytes show; the call's rc, count and names.
-struct Listed {
-    int rc;
-    unsigned short count;
-    std::vector<SystemInfo> list;
-};
-
-Listed listSystems(const std::vector<std::string>& zepgwArgs, unsigned short capacity)
-{
-    GatewayConnection gc(zepgwArgs);
-    Listed out{0, capacity, std::vector<SystemInfo>(capacity + 1u)};
-    memset(out.list.data(), 0x5A, out.list.size() * sizeof(SystemInfo));
-    out.rc = ZEP_listSystems(gc.token(), &out.count, out.list.data());
-    EXPECT_EQ(0, slotsInState(gc.token(), SLOT_SENT) + slotsInState(gc.token(), SLOT_ALLOCATED) +
-                     slotsInState(gc.token(), SLOT_REPLIED));
-    return out;
-}
-
-std::string bytes(const char* field, size_t length) { return std::string(field, length); }
-
+// The system list of a zepgw started with these arguments, into `capacity` entries of a list one longer, every
+// byte 0x5A so that untouched bytes show: the code, the count, and each name and description padded with NULs.
 TEST(ListSystems, CountCapacityAndNamesAsTheGatewayGivesThem)
 {
-    const std::string untouched(70, '\x5A');
-    Listed all = listSystems({}, 5);
-    EXPECT_EQ(0, all.rc);
-    ASSERT_EQ(3, all.count);
-    EXPECT_EQ(bytes("ZEPSYS1\0\0", 9), bytes(all.list[0].name, 9));
-    EXPECT_EQ(bytes("ZEPSYS2\0\0", 9), bytes(all.list[1].name, 9));
-    EXPECT_EQ(bytes("TEST\0\0\0\0\0", 9), bytes(all.list[2].name, 9));
-    EXPECT_EQ("zepgw default system" + std::string(41, '\0'), bytes(all.list[0].description, 61));
-    EXPECT_EQ(untouched, bytes(all.list[3].name, 70)) << "entries past the count stay untouched";
-
-    Listed some = listSystems({}, 2);
-    EXPECT_EQ(ZEP_ERR_MORE_SYSTEMS, some.rc);
-    EXPECT_EQ(2, some.count);
-    EXPECT_EQ(bytes("ZEPSYS2\0\0", 9), bytes(some.list[1].name, 9));
-    EXPECT_EQ(untouched, bytes(some.list[2].name, 70)) << "nothing is written past the capacity";
-
-    TempFile blanks("ABC      \tthree letters\n         \tall blanks\nNINECHARS\tfull\n");
-    Listed trimmed = listSystems({"--systems", blanks.path()}, 3);
-    EXPECT_EQ(0, trimmed.rc);
-    ASSERT_EQ(3, trimmed.count);
-    EXPECT_EQ(bytes("ABC\0\0\0\0\0\0", 9), bytes(trimmed.list[0].name, 9));
-    EXPECT_EQ(bytes(" \0\0\0\0\0\0\0\0", 9), bytes(trimmed.list[1].name, 9)) << "never the first byte";
-    EXPECT_EQ(bytes("NINECHARS", 9), bytes(trimmed.list[2].name, 9));
-    EXPECT_EQ("all blanks" + std::string(51, '\0'), bytes(trimmed.list[1].description, 61));
-
-    TempFile empty("");
-    Listed none = listSystems({"--systems", empty.path()}, 2);
-    EXPECT_EQ(ZEP_ERR_NO_SYSTEMS, none.rc);
-    EXPECT_EQ(0, none.count);
-    EXPECT_EQ(untouched, bytes(none.list[0].name, 70));
+    TempFile blanks("ABC      \tthree letters\n         \tall blanks\nNINECHARS\tfull\n"), empty("");
+    const std::string rest(61, '\0'), untouched(70, '\x5A');
+    const struct { std::vector<std::string> args; unsigned short capacity; int rc; std::vector<std::string> listed; } cases[] = {
+        {{}, 5, 0, {"ZEPSYS1", "zepgw default system", "ZEPSYS2", "", "TEST", ""}},
+        {{}, 2, ZEP_ERR_MORE_SYSTEMS, {"ZEPSYS1", "", "ZEPSYS2", ""}},
+        {{"--systems", blanks.path()}, 3, 0,   // names lose trailing blanks, but never their first byte
+         {"ABC", "", " ", "all blanks", "NINECHARS", ""}},
+        {{"--systems", empty.path()}, 2, ZEP_ERR_NO_SYSTEMS, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args.empty() ? "built-in" : c.args[1]);
+        GatewayConnection gc(c.args);
+        std::vector<SystemInfo> list(c.capacity + 1u);
+        memset(list.data(), 0x5A, list.size() * sizeof(SystemInfo));
+        unsigned short count = c.capacity;
+        EXPECT_EQ(c.rc, ZEP_listSystems(gc.token(), &count, list.data()));
+        ASSERT_EQ(c.listed.size() / 2, count);
+        for (size_t i = 0; i < count; i++) {
+            EXPECT_EQ((c.listed[2 * i] + rest).substr(0, 9), std::string(list[i].name, 9));
+            if (!c.listed[2 * i + 1].empty()) { EXPECT_EQ((c.listed[2 * i + 1] + rest).substr(0, 61), std::string(list[i].description, 61)); }
+        }
+        EXPECT_EQ(untouched, std::string(list[count].name, 70)) << "nothing is written past the count";
+        EXPECT_EQ(0, slotsInState(gc.token(), SLOT_SENT) + slotsInState(gc.token(), SLOT_ALLOCATED) +
+                         slotsInState(gc.token(), SLOT_REPLIED));
+    }
 }
 
 TEST(ListSystems, ArgumentChecks)

@@ -37,25 +37,6 @@ TEST(Flows, HandshakeCarriesTheLocaleBlockAndTheNamesInUtf8)
     }
 }
 
-TEST(Flows, WriteHeaderWritesEveryFieldAsTheCallerSetIt)
-{
-    SocketPair pair;
-    FlowHeader header;
-    memset(&header, 0, sizeof header);
-    header.eyecatcher = FLOW_EYECATCHER;
-    header.version = FLOW_VERSION;
-    header.flowType = FLOW_REQUEST;
-    header.messageId = 12;
-    header.requestTypeLength = 3;
-    memcpy(header.requestType, "ESI", 3);
-    header.payloadLength = 0x01020304;
-    WriteBuffer out(pair.lib, 32);
-    ASSERT_EQ(0, out.rc);
-    writeHeader(&out.sb, &header);
-    EXPECT_EQ(0, flushBuffer(&out.sb));
-    EXPECT_EQ(toHex(Wire().header(1, 12, "ESI", 0x01020304).b), toHex(pair.drain()));
-}
-
 // Request types of every length are read whole, kept to five letters, and the next message is read in step.
 TEST(Flows, ReadHeaderKeepsTheStreamInStep)
 {

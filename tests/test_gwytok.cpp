@@ -142,18 +142,6 @@ TEST(TokenCreation, TokensChainAtTheTailAlsoAfterTheListEmptied)
     EXPECT_EQ(second, gtListHeadPtr);
 }
 
-TEST(StateDump, WritesAtAnyLevelWithoutPrefix)
-{
-    TraceCapture trace(0);
-    EXPECT_EQ(0, ZEP_dumpState());
-    auto lines = trace.lines();
-    ASSERT_GE(lines.size(), 5u) << trace.text();
-    EXPECT_EQ("zepclient state dump: DLL Version=9.1.0.4 Trace Level=0 clientAPITraceFile=" + trace.path(), lines[0]);
-    EXPECT_EQ("Gateway Token List dump", lines[1]);
-    EXPECT_EQ("The Gateway Token List is EMPTY", lines[3]);
-    EXPECT_TRUE(trace.records().empty());
-}
-
 // A first block of 16 slots as a token embeds it, numbered 1 to 16 and chained.
 class SlotTable : public ::testing::Test {
 protected:

@@ -63,31 +63,6 @@ TEST(Receiver, ConnectionEndingFaultsFailEveryWaitingRequest)
     }
 }
 
-TEST(Receiver, AsynchronousReplyIsQueuedForCollection)
-{
-    GatewayConnection gc;
-    GatewayToken* tok = gc.token();
-    char area[16] = "async";
-    EciParms parms = eciBlock(ECI_ASYNC, "UPPER", area, 5);
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &parms));
-    ASSERT_TRUE(pollUntil([&] {
-        ClapiLockGuard guard(&tok->tableLock);
-        return tok->asyncReplyHead != nullptr;
-    }));
-    {
-        ClapiLockGuard guard(&tok->tableLock);
-        EXPECT_EQ(static_cast<int32_t>(copyOf(parms.eci_message_qualifier)), tok->asyncReplyHead->slotNumber);
-        EXPECT_EQ(tok->asyncReplyHead, tok->asyncReplyTail);
-        EXPECT_EQ(SLOT_REPLIED, tok->asyncReplyHead->slotState);
-        EXPECT_EQ(1u, tok->asyncReplyEvent.flag);
-        EXPECT_EQ(1u, tok->asyncReplyHead->event.flag);
-    }
-    memset(area, 0, sizeof area);
-    parms.eci_call_type = ECI_GET_REPLY_WAIT;
-    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms));
-    EXPECT_EQ(0, memcmp(area, "ASYNC", 5));
-}
-
 // Replies zepgw never sends, each to one request made on a thread of its own: the call's code, the
 // connection's status and code afterwards.
 TEST(ScriptedReplies, EachReplyEndsItsRequestOrTheConnection)
