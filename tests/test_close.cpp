@@ -132,6 +132,7 @@ TEST_F(Close, ATokenBeingClosedBelongsToItsCloser)
 {
     GatewayToken* tok = open();
     GatewayToken* copy = tok;
+    ASSERT_NE(nullptr, open());   // listed behind it: the close of all must go past the token being purged
     auto hanging = hang(tok);
     auto purge = std::async(std::launch::async, [&] { return ZEP_purgeGatewayConnection(&tok, 2); });
     ASSERT_TRUE(pollUntil([&] { return isClosing(copy); }));
