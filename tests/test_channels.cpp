@@ -278,7 +278,8 @@ struct HeldFixture {
 #define HELD(expr) [](HeldFixture& f) -> int { return expr; }
 #define SEEN(expr) [](HeldFixture& f) -> std::string { return expr; }
 
-/* The lock is not bound to a thread: one thread takes it, the call waits, the test's thread releases it. */
+/* The lock is not bound to a thread: one thread takes it, the call waits, the test's thread releases it. A waiter
+   writes "Finished waiting" only once it owns the channel: after arming the event, never before. */
 TEST_F(Channels, CallsWaitWhileAnotherThreadHoldsTheChannel)
 {
     const struct {
@@ -301,12 +302,11 @@ TEST_F(Channels, CallsWaitWhileAnotherThreadHoldsTheChannel)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
-        HeldFixture f = {};
-        f.chan = newChannel("HELD");
+        HeldFixture f = {newChannel("HELD"), {}, {}, 0};
         Channel* held = f.chan;
         ASSERT_EQ(0, ECI_createContainer(f.chan, "DATA", ECI_BIT, 0, "0123456789", 10));
         std::thread([&f] { EXPECT_EQ(0, lockChannel(f.chan)); }).join();
-        TraceCapture trace(2);
+        TraceCapture trace(4);
         std::future<int> result = std::async(std::launch::async, [&c, &f] { return c.call(f); });
         bool waited = pollUntil([&trace] { return trace.hasId(1463); }, 5);
         bool early = result.wait_for(std::chrono::milliseconds(50)) != std::future_status::timeout;
@@ -320,31 +320,15 @@ TEST_F(Channels, CallsWaitWhileAnotherThreadHoldsTheChannel)
                   onlyRecord(trace, 1463));
         EXPECT_EQ("EVENT clapi_channel.lockChannel() Finished waiting for channel \"HELD\" (" + pointerText(held) + ")",
                   onlyRecord(trace, 1468));
+        std::vector<int> ids;
+        for (const TraceRecord& r : trace.records())
+            if (r.tid == trace.find(1463).at(0).tid && (r.id == 1463 || r.id == 3121 || r.id == 1468 || r.id == 1470)) ids.push_back(r.id);
+        EXPECT_EQ((std::vector<int>{1463, 3121, 1468, 1470}), ids);
         if (f.chan != NULL) {
             EXPECT_EQ(0, f.chan->isLocked);
             EXPECT_EQ(0, ECI_deleteChannel(&f.chan));
         }
     }
-}
-
-/* A waiter writes "Finished waiting" only once it owns the channel: after arming the event, never before. */
-TEST_F(Channels, FinishedWaitingIsWrittenAfterTheEventIsArmed)
-{
-    Channel* chan = newChannel("ORDER");
-    ASSERT_EQ(0, lockChannel(chan));
-    TraceCapture trace(4);
-    std::thread waiter([chan] { EXPECT_EQ(0, lockChannel(chan)); });
-    bool waiting = pollUntil([&trace] { return trace.hasId(1463); }, 5);
-    EXPECT_EQ(0, unlockChannel(chan));
-    waiter.join();
-    ASSERT_TRUE(waiting) << "the second locker never waited";
-    EXPECT_EQ(1, chan->isLocked);
-    uint32_t waiterTid = trace.find(1463).front().tid;
-    std::vector<int> ids;
-    for (const TraceRecord& r : trace.records())
-        if (r.tid == waiterTid && (r.id == 1463 || r.id == 3121 || r.id == 1468 || r.id == 1470)) ids.push_back(r.id);
-    EXPECT_EQ((std::vector<int>{1463, 3121, 1468, 1470}), ids);
-    EXPECT_EQ(0, unlockChannel(chan));
 }
 
 /* Every waiter is woken by one release and exactly one of them holds the channel at a time. */
