@@ -54,14 +54,12 @@ TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
 {
     const WriteCase cases[] = {
         {"int", 4, [](SocketBuffer* sb) { writeInt(sb, 0x01020304); }, Wire().hex("01020304").b, {4}},
-        {"negative int", 4, [](SocketBuffer* sb) { writeInt(sb, -2); }, Wire().hex("FFFFFFFE").b, {4}},
         {"short keeps its low bits", 2, [](SocketBuffer* sb) { writeShort(sb, 0x12345678); }, Wire().hex("5678").b, {2}},
         {"byte keeps its low bits", 1, [](SocketBuffer* sb) { writeByte(sb, 0x1FF); }, Wire().hex("FF").b, {1}},
         {"padded cut", 8, [](SocketBuffer* sb) { writePaddedBytes(sb, "ABCDEFGHIJ", 10, 8); }, Wire().text("ABCDEFGH").b,
          {8}},
         {"padded filled", 8, [](SocketBuffer* sb) { writePaddedBytes(sb, "ABC", 3, 8); }, Wire().field("ABC", 8).b, {8}},
         {"masked", 2, [](SocketBuffer* sb) { writeBytesMasked(sb, "AB", 2); }, Wire().hex("BE03").b, {2}},
-        {"masked one byte", 1, [](SocketBuffer* sb) { writeBytesMasked(sb, "\x0F", 1); }, Wire().hex("F0").b, {1}},
         {"values fill the block", 8, [](SocketBuffer* sb) { writeInt(sb, 1); writeShort(sb, 2); writeByte(sb, 3);
                                                               writeByte(sb, 4); },
          Wire().hex("00000001 0002 03 04").b, {8}},
@@ -193,10 +191,7 @@ TEST(SocketBufferRead, EachCaseReadsItsValuesAndLeavesTheNextMessage)
              return a + " " + std::to_string(readInt(sb));
          },
          "168496141 16909060", 0, 2541, "DEBUG Moving 2 unread bytes to the start of buffer @"},
-        {"skip none", Wire().i32(1).i32(2).b, [](SocketBuffer* sb) { return skipped(sb, 0); }, "1 2"},
         {"skip one", Wire().i32(1).fill(1, 0xEE).i32(2).b, [](SocketBuffer* sb) { return skipped(sb, 1); }, "1 2"},
-        {"skip a block", Wire().i32(1).fill(33000, 0xEE).i32(2).b, [](SocketBuffer* sb) { return skipped(sb, 33000); },
-         "1 2"},
         {"skip two blocks", Wire().i32(1).fill(70001, 0xEE).i32(2).b,
          [](SocketBuffer* sb) { return skipped(sb, 70001); }, "1 2"},
         {"message shorter than its reads", Wire().hex("0102").b,
@@ -265,15 +260,10 @@ TEST(SocketBufferInit, BlockIsAllocatedOnceAndReusedWhileLargeEnough)
     SocketBuffer& sb = out.sb;
     uint8_t* first = sb.buffer;
     EXPECT_EQ(0, memcmp(sb.eyecatcher, "ZEPSCKBF", 8));
-    EXPECT_EQ(first, sb.cursor);
     ASSERT_EQ(0, initReadBuffer(&sb, pair.lib, 50));
-    EXPECT_EQ(first, sb.buffer);
-    EXPECT_EQ(100u, sb.bufferSize);
-    EXPECT_EQ(50u, sb.bytesRemaining);
-    EXPECT_EQ(nullptr, sb.cursor);
+    EXPECT_TRUE(first == sb.buffer && sb.cursor == nullptr && sb.bufferSize == 100 && sb.bytesRemaining == 50);
     ASSERT_EQ(0, initWriteBuffer(&sb, pair.lib, 40000));
-    EXPECT_EQ(33000u, sb.bufferSize);
-    EXPECT_EQ(40000u, sb.bytesRemaining);
+    EXPECT_TRUE(sb.bufferSize == 33000 && sb.bytesRemaining == 40000);
     EXPECT_EQ("DEBUG Allocated new buffer of 100 bytes|DEBUG Allocated new buffer of 33000 bytes",
               joined(recordTexts(trace, 2502)));
     EXPECT_EQ("DEBUG Reusing existing buffer of 100 bytes", onlyRecord(trace, 2513));

@@ -5,10 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "clapi_diag.h"
 #include "trace_capture.h"
@@ -181,21 +177,6 @@ TEST(SetTraceFile, SwitchToAFileAndBackAndRefuseAnUnopenableOne)
                                                                         ") Current trace destination=stderr"));
     EXPECT_NE(records.end(), std::find(records.begin(), records.end(),
                                        "1045 API.ZEP_setAPITraceFile() rc=0 (ZEP_OK) New trace destination=stderr"));
-}
-
-TEST(SetTraceData, SettersLogTheChange)
-{
-    setEnvironment({});
-    TraceCapture trace(4);
-    trace.clear();
-    EXPECT_EQ(0, ZEP_setAPITraceDataLength(20));
-    EXPECT_EQ(0, ZEP_setAPITraceDataOffset(7));
-    EXPECT_EQ((std::vector<std::string>{"1048 API.ZEP_setAPITraceDataLength(dataLength=20)",
-                                        "1049 API.ZEP_setAPITraceDataLength() Trace data truncation length changed from 128 to 20",
-                                        "1050 API.ZEP_setAPITraceDataLength()", "1051 API.ZEP_setAPITraceDataOffset(dataOffset=7)",
-                                        "1052 API.ZEP_setAPITraceDataOffset() Trace data offset changed from 0 to 7",
-                                        "1053 API.ZEP_setAPITraceDataOffset()"}),
-              texts(trace.records()));
 }
 
 }  // namespace
