@@ -68,8 +68,7 @@ TEST(ChannelWrite, SectionCarriesEveryContainerWithChangeMarkOne)
     EXPECT_EQ((std::vector<std::string>{"EVENT Writing container \"FIVE\", type=ECI_BIT, CCSID=0, data length=5",
                                         "EVENT Writing container \"EMPTY\", type=ECI_BIT, CCSID=0, data length=0"}),
               recordTexts(trace, 3246));
-    EciRequest request;
-    memset(&request, 0, sizeof request);
+    EciRequest request = {};
     request.requestKind = ECI_KIND_PROGRAM;
     request.optionalMarker = -1;
     int32_t without = calculateECIRequestSize(&request);
@@ -93,9 +92,8 @@ TEST(ChannelRead, ChangeMarksAddModifyAndLeaveContainers)
     EXPECT_EQ(500, t.channel->ccsid);
     EXPECT_EQ(4, t.channel->numContainers);
     EXPECT_EQ("D=ddd C=cc B=BBBBBB A=AA ", t.contents());
-    Container* d = t.find("D");
-    EXPECT_EQ(0, memcmp(d->eyecatcher, "ZEPCONTA", 8));
-    EXPECT_EQ(ECI_CHAR * 10000 + 1208, d->type * 10000 + d->ccsid);
+    EXPECT_EQ(0, memcmp(t.find("D")->eyecatcher, "ZEPCONTA", 8));
+    EXPECT_EQ(ECI_CHAR * 10000 + 1208, t.find("D")->type * 10000 + t.find("D")->ccsid);
     EXPECT_EQ(blockOfB, t.find("B")->dataPtr);   /* same length: overwritten where it lies */
     EXPECT_EQ(ECI_CHAR * 10000 + 37, t.find("B")->type * 10000 + t.find("B")->ccsid);
     EXPECT_EQ("DEBUG Return flow contains 4 containers in channel \"RENAMED\"", onlyRecord(trace, 3218));
@@ -190,8 +188,7 @@ TEST(ChannelRead, ReplyChannelLandsInTheRequestsChannelOrIsDropped)
     for (bool withChannel : {true, false}) {
         SocketPair pair;
         TestChannel t;
-        EciRequest request;
-        memset(&request, 0, sizeof request);
+        EciRequest request = {};
         request.channel = withChannel ? t.channel : NULL;
         Wire reply = programReply().raw(section("STRAY", 0, 2).b);
         record(record(reply, "NEW", 1, ECI_BIT, 0, 2, "nn"), "TWO", 1, ECI_BIT, 0, 0);

@@ -7,12 +7,20 @@
 
 namespace {
 
-/* Every record the library side sent over a SOCK_SEQPACKET pair, one per send. */
-std::vector<Bytes> sends(const SocketPair& pair)
+/* What the library side sent over a SOCK_SEQPACKET pair, and the size of each send. */
+struct Sent {
+    Bytes wire;
+    std::vector<size_t> sizes;
+};
+
+Sent sent(const SocketPair& pair)
 {
-    std::vector<Bytes> out;
+    Sent out;
     static uint8_t chunk[70000];
-    for (ssize_t got; (got = recv(pair.peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;) out.emplace_back(chunk, chunk + got);
+    for (ssize_t got; (got = recv(pair.peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;) {
+        out.wire.insert(out.wire.end(), chunk, chunk + got);
+        out.sizes.push_back((size_t)got);
+    }
     return out;
 }
 
@@ -98,14 +106,9 @@ TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
         c.write(&out.sb);
         EXPECT_EQ(0, flushBuffer(&out.sb));
         EXPECT_EQ(0u, out.sb.bytesRemaining);
-        Bytes wire;
-        std::vector<size_t> sizes;
-        for (const Bytes& s : sends(pair)) {
-            wire.insert(wire.end(), s.begin(), s.end());
-            sizes.push_back(s.size());
-        }
-        EXPECT_EQ(c.sizes, sizes);
-        EXPECT_TRUE(c.wire == wire) << toHex(c.wire).substr(0, 64) << " != " << toHex(wire).substr(0, 64);
+        Sent s = sent(pair);
+        EXPECT_EQ(c.sizes, s.sizes);
+        EXPECT_TRUE(c.wire == s.wire) << toHex(c.wire).substr(0, 64) << " != " << toHex(s.wire).substr(0, 64);
         if (c.debugId != 0) {
             EXPECT_EQ(withPointer(c.debug, pointerText(&out.sb)), joined(recordTexts(trace, c.debugId)));
         }
@@ -128,14 +131,9 @@ TEST(SocketBufferWrite, MaskedFieldLargerThanTheBlockGoesOutScrambledInBlockSize
     EXPECT_EQ(0u, out.sb.bytesRemaining);
     ZEP_setAPITraceDataLength(128);
 
-    Bytes wire;
-    std::vector<size_t> sizes;
-    for (const Bytes& s : sends(pair)) {
-        wire.insert(wire.end(), s.begin(), s.end());
-        sizes.push_back(s.size());
-    }
-    EXPECT_EQ(std::vector<size_t>({4, 33000, 33000, 4005}), sizes);
-    EXPECT_TRUE(Wire().i32(1).scrambled(password).i32(2).b == wire);
+    Sent s = sent(pair);
+    EXPECT_EQ(std::vector<size_t>({4, 33000, 33000, 4005}), s.sizes);
+    EXPECT_TRUE(Wire().i32(1).scrambled(password).i32(2).b == s.wire);
     EXPECT_EQ("DEBUG Insufficient space in buffer " + pointerText(&out.sb) + " to write 70001 bytes",
               onlyRecord(trace, 2570));
     std::vector<Bytes> dumps;
