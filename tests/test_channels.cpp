@@ -56,30 +56,24 @@ TEST_F(Channels, DumpShowsChannelsNewestFirstWithTheirContainers)
 {
     Channel* older = newChannel("CHANA");
     Channel* newer = newChannel("CHANB");
-    ASSERT_EQ(0, ECI_createContainer(newer, "C1", ECI_BIT, 0, "12345", 5));
     ASSERT_EQ(0, ECI_createContainer(newer, "C2", ECI_CHAR, 1208, "abc", 3));
     Container* c2 = newer->firstCont;
-    Container* c1 = c2->nextCont;
     TraceCapture trace(0);
     EXPECT_EQ(0, ZEP_ECI_dumpChannels());
-    char line[4][512];
+    char line[3][512];
     snprintf(line[0], sizeof line[0],
              "Channel list entry -0001- : Channel(%p): eyecatcher(ZEPCHANN) name(           CHANB) serlock(%p) "
-             "unlockEvent(%p) isLocked(0) ccsid(1208) numContainers(2) nextChannel(%p) firstCont(%p) currentCont((nil))",
+             "unlockEvent(%p) isLocked(0) ccsid(1208) numContainers(1) nextChannel(%p) firstCont(%p) currentCont((nil))",
              (void*)newer, (void*)&newer->serlock, (void*)&newer->unlockEvent, (void*)older, (void*)c2);
-    snprintf(line[1], sizeof line[1],
-             "   Container list entry -0001/0001- : Container(%p): eyecatcher(ZEPCONTA) name(              C2) "
-             "type(2) ccsid(1208) dataLength(3) dataPtr(%p) nextCont(%p)", (void*)c2, (void*)c2->dataPtr, (void*)c1);
+    snprintf(line[1], sizeof line[1], "   Container list entry -0001/0001- : Container(%p): eyecatcher(ZEPCONTA) name("
+             "              C2) type(2) ccsid(1208) dataLength(3) dataPtr(%p) nextCont((nil))", (void*)c2, (void*)c2->dataPtr);
     snprintf(line[2], sizeof line[2],
-             "   Container list entry -0001/0002- : Container(%p): eyecatcher(ZEPCONTA) name(              C1) "
-             "type(1) ccsid(0) dataLength(5) dataPtr(%p) nextCont((nil))", (void*)c1, (void*)c1->dataPtr);
-    snprintf(line[3], sizeof line[3],
              "Channel list entry -0002- : Channel(%p): eyecatcher(ZEPCHANN) name(           CHANA) serlock(%p) "
              "unlockEvent(%p) isLocked(0) ccsid(-1) numContainers(0) nextChannel((nil)) firstCont((nil)) "
              "currentCont((nil))", (void*)older, (void*)&older->serlock, (void*)&older->unlockEvent);
     const std::string rule(80, '-');
     EXPECT_EQ(trace.lines(), (std::vector<std::string>{"Channel and container dump", rule, line[0], line[1], line[2],
-                                                       line[3], "Total number of channels=2", rule}));
+                                                       "Total number of channels=2", rule}));
 }
 
 TEST_F(Channels, DeleteUnlinksFreesAndClearsTheToken)
