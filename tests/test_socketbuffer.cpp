@@ -31,7 +31,7 @@ std::string withPointer(std::string text, const std::string& pointer)
     return text;
 }
 
-const std::string data40k = varied(40000);
+const std::string data40k = varied(40000), data70k = varied(70000);
 
 Bytes counted(int from, int to)
 {
@@ -81,6 +81,12 @@ TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
              for (int i = 0; i < 33000 / 4; i++) writeInt(sb, i);
          },
          Wire().u8(7).raw(counted(0, 8250)).b, {32997, 4}, 2552, "DEBUG Insufficient space in buffer @ to write 8249"},
+        {"padded field behind a nearly full block", 32998 + 6,
+         [](SocketBuffer* sb) {
+             writeBytes(sb, data40k.data(), 32998);
+             writePaddedBytes(sb, "AB", 2, 6);
+         },
+         Wire().text(data40k.substr(0, 32998)).field("AB", 6).b, {32998, 6}, 2572, "DEBUG Insufficient space in buffer @ to write 6 bytes"},
         {"bytes larger than the block go straight from the caller's area", 8 + 40000,
          [](SocketBuffer* sb) {
              writeInt(sb, 1);
@@ -166,12 +172,12 @@ TEST(SocketBufferRead, EachCaseReadsItsValuesAndLeavesTheNextMessage)
              return a + " " + b + " " + c + " " + d + " " + std::to_string(readShort(sb));
          },
          "-2 -3 254 2130772483 32767"},
-        {"bytes larger than the block come straight into the caller's area", Wire().i32(42).text(data40k).i32(43).b,
+        {"bytes larger than the block come straight into the caller's area", Wire().i32(42).text(data70k).i32(43).b,
          [](SocketBuffer* sb) {
              std::string a = std::to_string(readInt(sb));
-             std::string got(40000, '\0');
-             readBytes(sb, &got[0], 40000);
-             return a + (got == data40k ? " same " : " differ ") + std::to_string(readInt(sb));
+             std::string got(70000, '\0');
+             readBytes(sb, &got[0], 70000);
+             return a + (got == data70k ? " same " : " differ ") + std::to_string(readInt(sb));
          },
          "42 same 43"},
         {"value split across two fills", Wire().fill(32998, 0x11).i32(0x0A0B0C0D).i32(0x01020304).b,
