@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 
 #include "clapi_diag.h"
 #include "trace_capture.h"
@@ -102,23 +103,25 @@ void PrintTo(const LimitCase& c, std::ostream* os) { *os << c.variable << "='" <
 
 class EnvironmentLimit : public ::testing::TestWithParam<LimitCase> {};
 
-TEST_P(EnvironmentLimit, AppliesTheNumberAtTheStart)
+TEST_P(EnvironmentLimit, AppliesTheNumberAtTheStartToTheFileNamed)
 {
     const LimitCase& c = GetParam();
-    setEnvironment({{"ZEP_CLIENT_TRACE_LEVEL", "4"}, {c.variable, c.value}});
-    StderrCapture err;
+    const std::string file = "/tmp/zepenv-" + std::to_string(getpid()) + ".log";
+    setEnvironment({{"ZEP_CLIENT_TRACE_LEVEL", "4"}, {"ZEP_CLIENT_TRACE_FILE", file}, {c.variable, c.value}});
     ASSERT_EQ(4, currentLevel());
     const std::string prefix = "clapi_impl.clapiSetAPITraceParamsFromEnv() ";
-    std::vector<std::string> expected = {prefix + "Environment variable " + c.variable + "=" + c.value}, seen;
+    std::vector<std::string> expected = {"clapi_impl.clapiSetAPITraceFileFromEnv() Trace file switched to new destination. "
+                                         "Filename=" + file, prefix + "Environment variable " + c.variable + "=" + c.value}, seen;
     if (c.setRecord != nullptr) expected.push_back(prefix + c.setRecord);
-    for (const TraceRecord& r : err.records())
-        if (r.id >= 1067 && r.id <= 1070) seen.push_back(r.message);
+    for (const TraceRecord& r : TraceCapture::parse(TraceCapture::readFile(file)))
+        if (r.id == 1072 || (r.id >= 1067 && r.id <= 1070)) seen.push_back(r.message);
     EXPECT_EQ(expected, seen);
-    TraceCapture trace(4);
     uint8_t area[200] = {};
     clapiTraceOutStorage(area, sizeof area, 0, 16, 1);
-    std::vector<std::string> lines = trace.lines();
+    std::vector<std::string> lines = TraceCapture::splitLines(TraceCapture::readFile(file));
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), c.header)) << c.header;
+    ZEP_setAPITraceLevel(0);
+    remove(file.c_str());
 }
 
 INSTANTIATE_TEST_SUITE_P(
