@@ -1,75 +1,79 @@
-/* Channels: creation, names, the channel list and its dump, deletion and the channel lock. */
+/* Channels and containers: names, CCSIDs, data, browsing, deletion, the argument checks and the channel lock. */
 #include "library_support.h"
 
-#include <stdarg.h>
-#include <string.h>
+#include <limits.h>
 
 #include <atomic>
 #include <future>
 
 namespace {
 
-const std::string rule(80, '-');
-
 using Channels = ChannelTest;
 
-TEST_F(Channels, SixteenCharacterNameIsStoredWholeAndReturnedTerminated)
+std::string nameOf(const ContainerInfo& info) { return std::string(info.name, strnlen(info.name, sizeof info.name)); }
+
+std::string dataOf(Channel* chan, const char* name)
 {
-    Channel* chan = newChannel("ABCDEFGHIJKLMNOP");
-    ASSERT_NE(chan, nullptr);
-    EXPECT_EQ(memcmp(chan->eyecatcher, "ZEPCHANN", 8), 0);
-    EXPECT_EQ(memcmp(chan->name, "ABCDEFGHIJKLMNOP", 16), 0);
-    char buffer[24];
-    memset(buffer, 'x', sizeof buffer);
-    EXPECT_EQ(ECI_getChannelName(chan, buffer), 0);
-    EXPECT_STREQ(buffer, "ABCDEFGHIJKLMNOP");
-    EXPECT_EQ(buffer[17], 'x');   /* 17 bytes are the call's, no more */
+    char buffer[32];
+    unsigned long count = 0;
+    int rc = ECI_getContainerData(chan, name, buffer, sizeof buffer, 0, &count);
+    return rc == 0 ? std::string(buffer, count) : "rc=" + std::to_string(rc);
 }
 
-TEST_F(Channels, ShortNameIsPaddedAndTheWhole17BytesAreCleared)
+/* The first matching prefix of LANG wins, so the longer codesets come before their language. */
+TEST(Ccsid, LangSelectsTheCcsid)
 {
-    Channel* chan = newChannel("AB");
-    const char padded[16] = {'A', 'B'};
-    EXPECT_EQ(memcmp(chan->name, padded, 16), 0);
-    char buffer[24];
-    memset(buffer, 'x', sizeof buffer);
-    EXPECT_EQ(ECI_getChannelName(chan, buffer), 0);
-    for (int i = 2; i < 17; i++) EXPECT_EQ(buffer[i], '\0') << i;
-    EXPECT_EQ(buffer[17], 'x');
+    const struct { const char* lang; int ccsid, id; const char* record; } cases[] = {
+        {NULL, 819, 1437, "DEBUG clapi_channel.getCurrentCcsid() LANG environment variable not set, defaulting to CCSID 819"},
+        {"Ja_JP", 819, 1439, "*EXC* clapi_channel.getCurrentCcsid() Unable to find a CCSID for codeset Ja_JP"},
+        {"zh_TW.eucTW", 964, 1438, "DEBUG clapi_channel.getCurrentCcsid() Mapped codeset zh_TW.eucTW to CCSID 964"},
+    };
+    for (const auto& c : cases) {
+        c.lang != NULL ? setenv("LANG", c.lang, 1) : unsetenv("LANG");
+        TraceCapture trace(4);
+        int ccsid = -7;
+        EXPECT_EQ(0, getCurrentCcsid(&ccsid));
+        EXPECT_EQ(c.ccsid, ccsid);
+        EXPECT_EQ(c.record, onlyRecord(trace, c.id));
+    }
+}
+
+/* The name is stored NUL-padded to 16 bytes; the 17 bytes of the caller's buffer are cleared, no more. */
+TEST_F(Channels, NameIsStoredPaddedAndReturnedInSeventeenBytes)
+{
+    for (const char* name : {"ABCDEFGHIJKLMNOP", "AB"}) {
+        Channel* chan = newChannel(name);
+        char padded[17] = {}, buffer[24];
+        memcpy(padded, name, strlen(name));
+        EXPECT_EQ(0, memcmp(chan->name, padded, 16)) << name;
+        memset(buffer, 'x', sizeof buffer);
+        EXPECT_EQ(0, ECI_getChannelName(chan, buffer));
+        EXPECT_EQ(std::string(padded, 17) + "x", std::string(buffer, 18));
+    }
 }
 
 TEST_F(Channels, DumpShowsChannelsNewestFirstWithTheirContainers)
 {
     Channel* older = newChannel("CHANA");
     Channel* newer = newChannel("CHANB");
-    ASSERT_EQ(ECI_createContainer(newer, "C1", ECI_BIT, 0, "12345", 5), 0);
-    ASSERT_EQ(ECI_createContainer(newer, "C2", ECI_CHAR, 1208, "abc", 3), 0);
+    ASSERT_EQ(0, ECI_createContainer(newer, "C2", ECI_CHAR, 1208, "abc", 3));
     Container* c2 = newer->firstCont;
-    Container* c1 = c2->nextCont;
     TraceCapture trace(0);
-    EXPECT_EQ(ZEP_ECI_dumpChannels(), 0);
-
-    char line[4][512];
+    EXPECT_EQ(0, ZEP_ECI_dumpChannels());
+    char line[3][512];
     snprintf(line[0], sizeof line[0],
              "Channel list entry -0001- : Channel(%p): eyecatcher(ZEPCHANN) name(           CHANB) serlock(%p) "
-             "unlockEvent(%p) isLocked(0) ccsid(1208) numContainers(2) nextChannel(%p) firstCont(%p) currentCont((nil))",
+             "unlockEvent(%p) isLocked(0) ccsid(1208) numContainers(1) nextChannel(%p) firstCont(%p) currentCont((nil))",
              (void*)newer, (void*)&newer->serlock, (void*)&newer->unlockEvent, (void*)older, (void*)c2);
-    snprintf(line[1], sizeof line[1],
-             "   Container list entry -0001/0001- : Container(%p): eyecatcher(ZEPCONTA) name(              C2) "
-             "type(2) ccsid(1208) dataLength(3) dataPtr(%p) nextCont(%p)",
-             (void*)c2, (void*)c2->dataPtr, (void*)c1);
+    snprintf(line[1], sizeof line[1], "   Container list entry -0001/0001- : Container(%p): eyecatcher(ZEPCONTA) name("
+             "              C2) type(2) ccsid(1208) dataLength(3) dataPtr(%p) nextCont((nil))", (void*)c2, (void*)c2->dataPtr);
     snprintf(line[2], sizeof line[2],
-             "   Container list entry -0001/0002- : Container(%p): eyecatcher(ZEPCONTA) name(              C1) "
-             "type(1) ccsid(0) dataLength(5) dataPtr(%p) nextCont((nil))",
-             (void*)c1, (void*)c1->dataPtr);
-    snprintf(line[3], sizeof line[3],
              "Channel list entry -0002- : Channel(%p): eyecatcher(ZEPCHANN) name(           CHANA) serlock(%p) "
              "unlockEvent(%p) isLocked(0) ccsid(-1) numContainers(0) nextChannel((nil)) firstCont((nil)) "
-             "currentCont((nil))",
-             (void*)older, (void*)&older->serlock, (void*)&older->unlockEvent);
-    std::vector<std::string> expected = {"Channel and container dump", rule, line[0], line[1], line[2], line[3],
-                                         "Total number of channels=2", rule};
-    EXPECT_EQ(trace.lines(), expected);
+             "currentCont((nil))", (void*)older, (void*)&older->serlock, (void*)&older->unlockEvent);
+    const std::string rule(80, '-');
+    EXPECT_EQ(trace.lines(), (std::vector<std::string>{"Channel and container dump", rule, line[0], line[1], line[2],
+                                                       "Total number of channels=2", rule}));
 }
 
 TEST_F(Channels, DeleteUnlinksFreesAndClearsTheToken)
@@ -77,305 +81,365 @@ TEST_F(Channels, DeleteUnlinksFreesAndClearsTheToken)
     Channel* first = newChannel("FIRST");
     Channel* middle = newChannel("MIDDLE");
     Channel* last = newChannel("LAST");
-    ASSERT_EQ(ECI_createContainer(middle, "DATA", ECI_BIT, 0, "12345", 5), 0);
-    ASSERT_EQ(ECI_createContainer(middle, "EMPTY", ECI_BIT, 0, NULL, 0), 0);
-    Container* empty = middle->firstCont;
-    Container* data = empty->nextCont;
-    std::string dataBlock = pointerText(data->dataPtr);
-    Channel* deleted = middle;
+    ASSERT_EQ(0, ECI_createContainer(middle, "DATA", ECI_BIT, 0, "12345", 5));
+    std::string data = pointerText(middle->firstCont), block = pointerText(middle->firstCont->dataPtr);
+    std::string deleted = pointerText(middle);
     TraceCapture trace(4);
-    EXPECT_EQ(ECI_deleteChannel(&middle), 0);
-    EXPECT_EQ(middle, nullptr);
-    EXPECT_EQ(last->nextChannel, first);   /* unlinked from the middle of the list */
-    EXPECT_EQ(onlyRecord(trace, 1420),
-              "DEBUG API.ECI_deleteChannel() Freeing 5 bytes of container data (" + dataBlock + ")");
-    std::vector<std::string> containers = {
-        "EVENT API.ECI_deleteChannel() Deleted container \"EMPTY\" (" + pointerText(empty) + ")",
-        "EVENT API.ECI_deleteChannel() Deleted container \"DATA\" (" + pointerText(data) + ")"};
-    EXPECT_EQ(recordTexts(trace, 1421), containers);
-    EXPECT_EQ(onlyRecord(trace, 1423),
-              "DEBUG API.ECI_deleteChannel() Released lock for channel " + pointerText(deleted) + ", now deleting");
-    EXPECT_EQ(onlyRecord(trace, 1422), "EVENT API.ECI_deleteChannel() Deleted channel \"MIDDLE\" (" + pointerText(deleted) + ")");
-    EXPECT_EQ(onlyRecord(trace, 1314), "EXIT API.ECI_deleteChannel() rc=0 (ECI_NO_ERROR)");
-    EXPECT_EQ(ECI_deleteChannel(&last), 0);
-    EXPECT_EQ(first->nextChannel, nullptr);
-    EXPECT_EQ(ECI_deleteChannel(&first), 0);   /* the head, and then the last one */
-    EXPECT_EQ(chanList, nullptr);
+    EXPECT_EQ(0, ECI_deleteChannel(&middle));
+    EXPECT_EQ(nullptr, middle);
+    EXPECT_EQ(first, last->nextChannel);   /* unlinked from the middle of the list */
+    EXPECT_EQ("DEBUG API.ECI_deleteChannel() Freeing 5 bytes of container data (" + block + ")", onlyRecord(trace, 1420));
+    EXPECT_EQ("EVENT API.ECI_deleteChannel() Deleted container \"DATA\" (" + data + ")", onlyRecord(trace, 1421));
+    EXPECT_EQ("DEBUG API.ECI_deleteChannel() Released lock for channel " + deleted + ", now deleting", onlyRecord(trace, 1423));
+    EXPECT_EQ("EVENT API.ECI_deleteChannel() Deleted channel \"MIDDLE\" (" + deleted + ")", onlyRecord(trace, 1422));
+    ASSERT_EQ(0, ECI_createContainer(first, "BYTES", ECI_BIT, 0, "1234567", 7));
+    std::string bytes = pointerText(first->firstCont->dataPtr), container = pointerText(first->firstCont);
+    EXPECT_EQ(0, ECI_deleteAllChannels());
+    EXPECT_EQ("DEBUG API.ECI_deleteAllChannels() Destroying event and lock for channel \"LAST\" (" + pointerText(last) + ")",
+              recordTexts(trace, 1426).at(0));
+    EXPECT_EQ("DEBUG API.ECI_deleteAllChannels() Freeing 7 bytes of container data (" + bytes + ")", onlyRecord(trace, 1427));
+    EXPECT_EQ("EVENT API.ECI_deleteAllChannels() Deleted container \"BYTES\" (" + container + ")", onlyRecord(trace, 1317));
+    EXPECT_EQ(2u, recordTexts(trace, 1429).size());
+    EXPECT_EQ(nullptr, chanList);
 }
 
-TEST_F(Channels, DeleteAllEmptiesTheList)
-{
-    Channel* a = newChannel("A");
-    Channel* b = newChannel("B");
-    ASSERT_EQ(ECI_createContainer(a, "BYTES", ECI_BIT, 0, "1234567", 7), 0);
-    std::string block = pointerText(a->firstCont->dataPtr);
-    std::string container = pointerText(a->firstCont);
-    TraceCapture trace(4);
-    EXPECT_EQ(ECI_deleteAllChannels(), 0);
-    std::vector<std::string> destroyed = {
-        "DEBUG API.ECI_deleteAllChannels() Destroying event and lock for channel \"B\" (" + pointerText(b) + ")",
-        "DEBUG API.ECI_deleteAllChannels() Destroying event and lock for channel \"A\" (" + pointerText(a) + ")"};
-    EXPECT_EQ(recordTexts(trace, 1426), destroyed);
-    EXPECT_EQ(onlyRecord(trace, 1427), "DEBUG API.ECI_deleteAllChannels() Freeing 7 bytes of container data (" + block + ")");
-    EXPECT_EQ(onlyRecord(trace, 1317), "EVENT API.ECI_deleteAllChannels() Deleted container \"BYTES\" (" + container + ")");
-    std::vector<std::string> channels = {
-        "EVENT API.ECI_deleteAllChannels() Deleted channel \"B\" (" + pointerText(b) + ")",
-        "EVENT API.ECI_deleteAllChannels() Deleted channel \"A\" (" + pointerText(a) + ")"};
-    EXPECT_EQ(recordTexts(trace, 1429), channels);
-    EXPECT_EQ(onlyRecord(trace, 1430), "EXIT API.ECI_deleteAllChannels() rc=0 (ECI_NO_ERROR)");
-    EXPECT_EQ(chanList, nullptr);
-}
-
-/* A block the size of a channel whose lock was never initialised. */
-struct NotAChannel {
-    alignas(8) unsigned char bytes[sizeof(Channel)] = {};
-    Channel* token() { return reinterpret_cast<Channel*>(bytes); }
-};
-
-struct ArgCase {
-    const char* label;
-    int (*call)(Channel* chan, Channel* bogus);
-    int         rc;
-    int         excId;
-    const char* excText;
-    const char* exitText;
-};
-
-const ArgCase argCases[] = {
-    {"createNullTokPtrFirst", [](Channel*, Channel*) { return ECI_createChannel(NULL, NULL); },
-     ECI_ERR_NULLCHANNELPTR, 1301, "*EXC* API.ECI_createChannel() tokPtr is NULL",
-     "EXIT API.ECI_createChannel() rc=-52 (ECI_ERR_NULLCHANNELPTR)"},
-    {"createBadName",
-     [](Channel*, Channel*) {
-         Channel* c = NULL;
-         return ECI_createChannel("", &c);
-     },
-     ECI_ERR_INVALID_NAME, 1407, "*EXC* clapi_channel.validateName() name is zero length",
-     "EXIT API.ECI_createChannel() rc=-51 (ECI_ERR_INVALID_NAME)"},
-    {"deleteNullTokPtr", [](Channel*, Channel*) { return ECI_deleteChannel(NULL); }, ECI_ERR_NULLCHANNELPTR, 1311,
-     "*EXC* API.ECI_deleteChannel() tokPtr is NULL", "EXIT API.ECI_deleteChannel() rc=-52 (ECI_ERR_NULLCHANNELPTR)"},
-    {"deleteNullToken",
-     [](Channel*, Channel*) {
-         Channel* c = NULL;
-         return ECI_deleteChannel(&c);
-     },
-     ECI_ERR_INVALID_CHANNEL, 1312, "*EXC* API.ECI_deleteChannel() *tokPtr is NULL",
-     "EXIT API.ECI_deleteChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
-    {"deleteNotAChannel", [](Channel*, Channel* bogus) { return ECI_deleteChannel(&bogus); }, ECI_ERR_INVALID_CHANNEL,
-     1462, "*EXC* clapi_channel.lockChannel() chanTok (%p) is not a channel",
-     "EXIT API.ECI_deleteChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
-    {"nameNullTokenFirst", [](Channel*, Channel*) { return ECI_getChannelName(NULL, NULL); }, ECI_ERR_INVALID_CHANNEL,
-     1321, "*EXC* API.ECI_getChannelName() chanTok is NULL",
-     "EXIT API.ECI_getChannelName() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
-    {"nameNullBuffer", [](Channel* chan, Channel*) { return ECI_getChannelName(chan, NULL); }, ECI_ERR_NULLPTR, 1322,
-     "*EXC* API.ECI_getChannelName() nameBuffer is NULL", "EXIT API.ECI_getChannelName() rc=-109 (ECI_ERR_NULLPTR)"},
-    {"nameNotAChannel",
-     [](Channel*, Channel* bogus) {
-         char buffer[17];
-         return ECI_getChannelName(bogus, buffer);
-     },
-     ECI_ERR_INVALID_CHANNEL, 1462, "*EXC* clapi_channel.lockChannel() chanTok (%p) is not a channel",
-     "EXIT API.ECI_getChannelName() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
-    {"lockNull", [](Channel*, Channel*) { return lockChannel(NULL); }, ECI_ERR_INVALID_CHANNEL, 1461,
-     "*EXC* clapi_channel.lockChannel() chanTok is NULL", "EXIT clapi_channel.lockChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
-    {"unlockNull", [](Channel*, Channel*) { return unlockChannel(NULL); }, ECI_ERR_INVALID_CHANNEL, 1472,
-     "*EXC* clapi_channel.unlockChannel() chanTok is NULL",
-     "EXIT clapi_channel.unlockChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
-    {"unlockNotAChannel", [](Channel*, Channel* bogus) { return unlockChannel(bogus); }, ECI_ERR_INVALID_CHANNEL, 1473,
-     "*EXC* clapi_channel.unlockChannel() chanTok (%p) is not a channel",
-     "EXIT clapi_channel.unlockChannel() rc=-50 (ECI_ERR_INVALID_CHANNEL)"},
-};
-
-/* The first failing check wins, is named in one exception record and is named again by the exit record. */
-TEST_F(Channels, EveryArgumentCheckInOrder)
+/* Browsing is newest first and starts again after the end; info is zeroed, filled, and leaves the cursor. */
+TEST_F(Channels, BrowsingIsNewestFirstAndWraps)
 {
     Channel* chan = newChannel("CHAN");
-    NotAChannel bogus;
-    TraceCapture trace(3);
-    for (const ArgCase& c : argCases) {
-        SCOPED_TRACE(c.label);
-        trace.clear();
-        EXPECT_EQ(c.call(chan, bogus.token()), c.rc);
-        char excText[200];
-        snprintf(excText, sizeof excText, c.excText, (void*)bogus.token());
-        std::vector<TraceRecord> records = trace.records();
-        trace.clear();
-        std::vector<std::string> exceptions;
-        for (const TraceRecord& r : records)
-            if (r.type == "*EXC*" && r.id != 3104 && r.id != 3108) exceptions.push_back(r.type + " " + r.message);
-        EXPECT_EQ(exceptions, std::vector<std::string>{excText});
-        bool named = false;
-        for (const TraceRecord& r : records)
-            if (r.type == "*EXC*" && r.id == c.excId) named = true;
-        EXPECT_TRUE(named) << c.excId;
-        ASSERT_FALSE(records.empty());
-        EXPECT_EQ(records.back().type + " " + records.back().message, c.exitText);
+    TraceCapture trace(4);
+    ContainerInfo info;
+    EXPECT_EQ(ECI_ERR_ENDOFCONTAINERS, ECI_getFirstContainer(chan, &info));
+    EXPECT_EQ(ECI_ERR_ENDOFCONTAINERS, ECI_getNextContainer(chan, &info));
+    EXPECT_EQ("DEBUG API.ECI_getFirstContainer() Channel \"CHAN\" has no containers", onlyRecord(trace, 1373));
+    EXPECT_EQ("DEBUG API.ECI_getNextContainer() Channel \"CHAN\" has no containers", onlyRecord(trace, 1382));
+    ASSERT_EQ(0, ECI_createContainer(chan, "SIXTEENCHARSNAME", ECI_CHAR, 1208, "hello", 5));
+    ASSERT_EQ(0, ECI_createContainer(chan, "B", ECI_BIT, 0, NULL, 0));
+    std::string names;
+    for (int i = 0; i < 4; i++) {
+        int rc = i == 0 ? ECI_getFirstContainer(chan, &info) : ECI_getNextContainer(chan, &info);
+        names += rc == 0 ? nameOf(info) + " " : std::to_string(rc) + " ";
+        if (i != 1) continue;
+        memset(&info, 0x5A, sizeof info);
+        ASSERT_EQ(0, ECI_getContainerInfo(chan, "B", &info));
+        EXPECT_EQ(std::string(sizeof info.name - 1, '\0'), std::string(info.name + 1, sizeof info.name - 1));
+        ASSERT_EQ(0, ECI_getContainerInfo(chan, "SIXTEENCHARSNAME", &info));
+        EXPECT_EQ(0, memcmp(info.name, "SIXTEENCHARSNAME", 17));
+        EXPECT_EQ("2 1208 5", std::to_string(info.type) + " " + std::to_string(info.ccsid) + " " + std::to_string(info.dataLength));
+    }
+    EXPECT_EQ("B SIXTEENCHARSNAME -54 B ", names);
+    EXPECT_EQ("DEBUG API.ECI_getNextContainer() No more containers in channel \"CHAN\"", onlyRecord(trace, 1380));
+    EXPECT_EQ("DEBUG API.ECI_getNextContainer() Current container is NULL, retrieving first container",
+              recordTexts(trace, 1381).back());
+}
+
+/* The first character container fixes the channel's CCSID; later ones keep an explicit CCSID of their own. */
+TEST_F(Channels, FirstCharacterContainerFixesTheChannelsCcsid)
+{
+    const struct { const char* lang; int first, second, firstSet, secondSet; const char* from; } cases[] = {
+        {"ja_JP.eucJP", 0, 1208, 5050, 1208, "locale"}, {"ja_JP", 1208, 0, 1208, 1208, "Container"},
+        {"ja_JP", 37, 500, 37, 500, "Container"}, {"zh_TW.big5", 0, 0, 950, 950, "locale"},
+    };
+    for (const auto& c : cases) {
+        setenv("LANG", c.lang, 1);
+        Channel* chan = newChannel("CHAN");
+        TraceCapture trace(2);
+        ASSERT_EQ(0, ECI_createContainer(chan, "ONE", ECI_CHAR, c.first, "1", 1));
+        ASSERT_EQ(0, ECI_createContainer(chan, "TWO", ECI_CHAR, c.second, "2", 1));
+        ContainerInfo one, two;
+        ASSERT_EQ(0, ECI_getContainerInfo(chan, "ONE", &one) + ECI_getContainerInfo(chan, "TWO", &two));
+        EXPECT_EQ(std::to_string(c.firstSet) + " " + std::to_string(c.secondSet) + " " + std::to_string(c.firstSet),
+                  std::to_string(one.ccsid) + " " + std::to_string(two.ccsid) + " " + std::to_string(chan->ccsid));
+        std::vector<std::string> events;
+        for (const TraceRecord& r : trace.records()) if (r.id >= 1330 && r.id <= 1332) events.push_back(r.message);
+        const std::string created = "API.ECI_createContainer() ";
+        EXPECT_EQ((std::vector<std::string>{created + "Channel CCSID set to " + std::to_string(c.firstSet) + " from " + c.from,
+                                            created + "Container CCSID set to " + std::to_string(c.firstSet),
+                                            created + "Container CCSID set to " + std::to_string(c.secondSet)}),
+                  events) << c.lang;
+        EXPECT_EQ(0, ECI_deleteChannel(&chan));
     }
 }
 
-/* The lock is not bound to a thread: one thread takes it, another waits to delete, a third releases it. */
-TEST_F(Channels, DeleteWaitsForTheChannelLockFromAnyThread)
+/* A read copies what lies between offset and the end, at most length bytes, and leaves the rest of the buffer. */
+TEST_F(Channels, ReadsHonourOffsetAndLength)
 {
-    Channel* chan = newChannel("BUSY");
-    TraceCapture trace(2);
-    std::thread([chan] { EXPECT_EQ(lockChannel(chan), 0); }).join();
-
-    std::atomic<bool> finished{false};
-    Channel* token = chan;
-    std::packaged_task<int()> deletion([&token, &finished] {
-        int rc = ECI_deleteChannel(&token);
-        finished = true;
-        return rc;
-    });
-    std::future<int> deleted = deletion.get_future();
-    std::thread deleter(std::move(deletion));
-
-    ASSERT_TRUE(pollUntil([&trace] { return trace.hasId(1463); }, 5)) << "the deleting thread never waited";
-    EXPECT_EQ(onlyRecord(trace, 1463), "EVENT clapi_channel.lockChannel() Waiting for channel \"BUSY\" (" + pointerText(chan) + ")");
-    EXPECT_EQ(deleted.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    EXPECT_FALSE(finished);
-    EXPECT_EQ(recordTexts(trace, 1422).size(), 0u);
-
-    std::thread([chan] { EXPECT_EQ(unlockChannel(chan), 0); }).join();
-    ASSERT_EQ(deleted.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    deleter.join();
-    EXPECT_EQ(deleted.get(), 0);
-    EXPECT_EQ(token, nullptr);
-    EXPECT_EQ(onlyRecord(trace, 1468),
-              "EVENT clapi_channel.lockChannel() Finished waiting for channel \"BUSY\" (" + pointerText(chan) + ")");
-    EXPECT_EQ(onlyRecord(trace, 1422), "EVENT API.ECI_deleteChannel() Deleted channel \"BUSY\" (" + pointerText(chan) + ")");
-    EXPECT_EQ(chanList, nullptr);
+    const struct { unsigned long length, offset, count; } cases[] = {
+        {50, 0, 50}, {100, 10, 40}, {10, 5, 10}, {10, 50, 0}, {10, 60, 0}, {0, 0, 0}, {ULONG_MAX, 45, 5}, {10, ULONG_MAX, 0},
+    };
+    Channel* chan = newChannel("CHAN");
+    unsigned char data[50];
+    for (int i = 0; i < 50; i++) data[i] = (unsigned char)(i + 1);
+    ASSERT_EQ(0, ECI_createContainer(chan, "DATA", ECI_BIT, 0, data, sizeof data));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.length) + "@" + std::to_string(c.offset));
+        unsigned char buffer[128];
+        memset(buffer, 0xEE, sizeof buffer);
+        unsigned long count = 777;
+        EXPECT_EQ(0, ECI_getContainerData(chan, "DATA", buffer, c.length, c.offset, &count));
+        EXPECT_EQ(c.count, count);
+        for (unsigned long i = 0; i < sizeof buffer; i++)
+            ASSERT_EQ(i < c.count ? data[c.offset + i] : 0xEE, buffer[i]) << i;
+    }
+    unsigned char buffer[8];
+    EXPECT_EQ(0, ECI_getContainerData(chan, "DATA", buffer, sizeof buffer, 0, NULL));   /* no count wanted */
+    EXPECT_EQ(8, buffer[7]);
 }
 
-/* A waiter writes "Finished waiting" only once it owns the channel: after arming the event, never before. */
-TEST_F(Channels, FinishedWaitingIsWrittenAfterTheEventIsArmed)
+TEST_F(Channels, SetDataReplacesEmptiesAndKeepsTypeAndCcsid)
 {
-    Channel* chan = newChannel("ORDER");
-    ASSERT_EQ(lockChannel(chan), 0);
+    Channel* chan = newChannel("CHAN");
+    ASSERT_EQ(0, ECI_createContainer(chan, "TEXT", ECI_CHAR, 1208, "12345", 5));
+    std::string oldBlock = pointerText(chan->firstCont->dataPtr);
     TraceCapture trace(4);
-    std::thread waiter([chan] { EXPECT_EQ(lockChannel(chan), 0); });
-    bool waiting = pollUntil([&trace] { return trace.hasId(1463); }, 5);
-    EXPECT_EQ(unlockChannel(chan), 0);
-    waiter.join();
-    ASSERT_TRUE(waiting) << "the second locker never waited";
-    EXPECT_EQ(chan->isLocked, 1);
+    ASSERT_EQ(0, ECI_setContainerData(chan, "TEXT", "abcde", 5));   /* same length */
+    EXPECT_EQ("abcde", dataOf(chan, "TEXT"));
+    ASSERT_EQ(0, ECI_setContainerData(chan, "TEXT", "longer data", 11));
+    EXPECT_EQ("longer data", dataOf(chan, "TEXT"));
+    std::string newBlock = pointerText(chan->firstCont->dataPtr);
+    ASSERT_EQ(0, ECI_setContainerData(chan, "TEXT", NULL, 0));
+    EXPECT_EQ("", dataOf(chan, "TEXT"));
+    ContainerInfo info;
+    ASSERT_EQ(0, ECI_getContainerInfo(chan, "TEXT", &info));
+    EXPECT_EQ("2 1208 0", std::to_string(info.type) + " " + std::to_string(info.ccsid) + " " + std::to_string(info.dataLength));
+    EXPECT_EQ("DEBUG API.ECI_setContainerData() Freeing 5 bytes of container data (" + oldBlock + ")|"
+              "DEBUG API.ECI_setContainerData() Freeing 11 bytes of container data (" + newBlock + ")",
+              recordTexts(trace, 1359).at(0) + "|" + recordTexts(trace, 1359).at(1));
+    ASSERT_EQ(0, ECI_createContainer(chan, "ABCDEFGHIJKLMNOP", ECI_BIT, 0, NULL, 0));
+    EXPECT_EQ(ECI_ERR_CONTAINER_EXISTS, ECI_createContainer(chan, "ABCDEFGHIJKLMNOP", ECI_CHAR, 0, "x", 1));
+    EXPECT_EQ("*EXC* API.ECI_createContainer() Container \"ABCDEFGHIJKLMNOP\" already exists in channel \"CHAN\"",
+              onlyRecord(trace, 1328));
+    EXPECT_EQ(0, ECI_createContainer(chan, "ABCDEFGHIJKLMNO", ECI_BIT, 0, NULL, 0));   /* a prefix is another name */
+    EXPECT_EQ(3, chan->numContainers);
+}
 
-    uint32_t waiterTid = trace.find(1463).front().tid;
-    std::vector<int> ids;
-    for (const TraceRecord& r : trace.records())
-        if (r.tid == waiterTid && (r.id == 1463 || r.id == 3121 || r.id == 1468 || r.id == 1470)) ids.push_back(r.id);
-    EXPECT_EQ(ids, (std::vector<int>{1463, 3121, 1468, 1470}));
-    EXPECT_EQ(unlockChannel(chan), 0);
+/* Deleting the cursor's container moves the cursor back, so browsing goes on with the container after it. */
+TEST_F(Channels, DeletingTheCurrentContainerMovesTheCursorBack)
+{
+    Channel* chan = newChannel("CHAN");
+    for (const char* name : {"A", "B", "C", "D"}) ASSERT_EQ(0, ECI_createContainer(chan, name, ECI_BIT, 0, "x", 1));
+    TraceCapture trace(4);
+    ContainerInfo info;
+    ASSERT_EQ(0, ECI_getFirstContainer(chan, &info));   /* D */
+    ASSERT_EQ(0, ECI_getNextContainer(chan, &info));    /* C */
+    ASSERT_EQ(0, ECI_deleteContainer(chan, "C"));
+    EXPECT_EQ("DEBUG API.ECI_deleteContainer() Current container is now \"D\"", onlyRecord(trace, 1341));
+    ASSERT_EQ(0, ECI_getNextContainer(chan, &info));
+    EXPECT_EQ("B", nameOf(info));
+    ASSERT_EQ(0, ECI_getFirstContainer(chan, &info));   /* D, the first */
+    ASSERT_EQ(0, ECI_deleteContainer(chan, "D"));
+    EXPECT_EQ("DEBUG API.ECI_deleteContainer() Current container is now NULL", onlyRecord(trace, 1342));
+    ASSERT_EQ(0, ECI_getNextContainer(chan, &info));
+    EXPECT_EQ("B", nameOf(info));
+    ASSERT_EQ(0, ECI_deleteContainer(chan, "A"));   /* not the cursor's: the cursor stays */
+    EXPECT_EQ(1u, recordTexts(trace, 1341).size());
+    EXPECT_EQ(ECI_ERR_ENDOFCONTAINERS, ECI_getNextContainer(chan, &info));
+    EXPECT_EQ(1, chan->numContainers);
+}
+
+/* A length that cannot be allocated (only on i386 within 32 bits) is a memory shortage; one beyond 32 bits
+   cannot go on the wire and is refused before the channel is taken. Either way the channel is left usable. */
+TEST_F(Channels, UnallocatableOrOverlongLengthIsRefused)
+{
+    const unsigned long huge = ULONG_MAX - 0xFF;
+    const bool wide = sizeof(unsigned long) > 4;
+    const int rc = wide ? ECI_ERR_INVALID_DATA_LENGTH : ECI_ERR_MEMORY_SHORTAGE;
+    Channel* chan = newChannel("CHAN");
+    ASSERT_EQ(0, ECI_createContainer(chan, "SMALL", ECI_BIT, 0, "12345", 5));
+    char small[16] = {};
+    TraceCapture trace(1);
+    EXPECT_EQ(rc, ECI_createContainer(chan, "BIG", ECI_BIT, 0, small, huge));
+    EXPECT_EQ(rc, ECI_setContainerData(chan, "SMALL", small, huge));
+    const std::string why = wide ? "dataLength " + std::to_string(huge) + " exceeds the largest container length 4294967295"
+                                 : "Failed to allocate " + std::to_string(huge) + " bytes for container data";
+    std::vector<std::string> seen;
+    for (const TraceRecord& r : trace.records()) seen.push_back(r.type + " " + r.message);
+    EXPECT_EQ((std::vector<std::string>{"*EXC* API.ECI_createContainer() " + why, "*EXC* API.ECI_setContainerData() " + why}), seen);
+    EXPECT_EQ(1, chan->numContainers);
+    EXPECT_EQ(wide ? "12345" : "", dataOf(chan, "SMALL"));   /* a failed allocation leaves no data */
+    EXPECT_EQ(0, chan->isLocked);
+}
+
+/* ---------------------------------------------------------------- the channel lock */
+
+struct HeldFixture {
+    Channel* chan;
+    ContainerInfo info;
+    char buffer[17];
+    unsigned long count;
+};
+
+#define HELD(expr) [](HeldFixture& f) -> int { return expr; }
+#define SEEN(expr) [](HeldFixture& f) -> std::string { return expr; }
+
+/* The lock is not bound to a thread: one thread takes it, the call waits, the test's thread releases it. A waiter
+   writes "Finished waiting" only once it owns the channel: after arming the event, never before. */
+TEST_F(Channels, CallsWaitWhileAnotherThreadHoldsTheChannel)
+{
+    const struct {
+        const char* label;
+        int (*call)(HeldFixture& f);
+        std::string (*effect)(HeldFixture& f);
+        const char* expected;
+    } cases[] = {
+        {"create", HELD(ECI_createContainer(f.chan, "NEW", ECI_BIT, 0, "new", 3)), SEEN(dataOf(f.chan, "NEW")), "new"},
+        {"delete", HELD(ECI_deleteContainer(f.chan, "DATA")), SEEN(dataOf(f.chan, "DATA")), "rc=-58"},
+        {"getData", HELD(ECI_getContainerData(f.chan, "DATA", f.buffer, 4, 2, &f.count)),
+         SEEN(std::string(f.buffer, f.count)), "2345"},
+        {"setData", HELD(ECI_setContainerData(f.chan, "DATA", "replaced", 8)), SEEN(dataOf(f.chan, "DATA")), "replaced"},
+        {"info", HELD(ECI_getContainerInfo(f.chan, "DATA", &f.info)), SEEN(std::to_string(f.info.dataLength)), "10"},
+        {"first", HELD(ECI_getFirstContainer(f.chan, &f.info)), SEEN(f.info.name), "DATA"},
+        {"next", HELD(ECI_getNextContainer(f.chan, &f.info)), SEEN(f.info.name), "DATA"},
+        {"channelName", HELD(ECI_getChannelName(f.chan, f.buffer)), SEEN(f.buffer), "HELD"},
+        {"deleteChannel", HELD(ECI_deleteChannel(&f.chan)), SEEN(f.chan == NULL && chanList == NULL ? "gone" : "kept"),
+         "gone"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        HeldFixture f = {newChannel("HELD"), {}, {}, 0};
+        Channel* held = f.chan;
+        ASSERT_EQ(0, ECI_createContainer(f.chan, "DATA", ECI_BIT, 0, "0123456789", 10));
+        std::thread([&f] { EXPECT_EQ(0, lockChannel(f.chan)); }).join();
+        TraceCapture trace(4);
+        std::future<int> result = std::async(std::launch::async, [&c, &f] { return c.call(f); });
+        bool waited = pollUntil([&trace] { return trace.hasId(1463); }, 5);
+        bool early = result.wait_for(std::chrono::milliseconds(50)) != std::future_status::timeout;
+        EXPECT_EQ(0, unlockChannel(held));
+        ASSERT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(5)));
+        EXPECT_TRUE(waited) << "the call never waited for the channel";
+        EXPECT_FALSE(early) << "the call returned while the channel was held";
+        EXPECT_EQ(0, result.get());
+        EXPECT_EQ(c.expected, c.effect(f));
+        EXPECT_EQ("EVENT clapi_channel.lockChannel() Waiting for channel \"HELD\" (" + pointerText(held) + ")",
+                  onlyRecord(trace, 1463));
+        EXPECT_EQ("EVENT clapi_channel.lockChannel() Finished waiting for channel \"HELD\" (" + pointerText(held) + ")",
+                  onlyRecord(trace, 1468));
+        std::vector<int> ids;
+        for (const TraceRecord& r : trace.records())
+            if (r.tid == trace.find(1463).at(0).tid && (r.id == 1463 || r.id == 3121 || r.id == 1468 || r.id == 1470)) ids.push_back(r.id);
+        EXPECT_EQ((std::vector<int>{1463, 3121, 1468, 1470}), ids);
+        if (f.chan != NULL) {
+            EXPECT_EQ(0, f.chan->isLocked);
+            EXPECT_EQ(0, ECI_deleteChannel(&f.chan));
+        }
+    }
 }
 
 /* Every waiter is woken by one release and exactly one of them holds the channel at a time. */
 TEST_F(Channels, WaitersTakeTheChannelOneAtATime)
 {
-    const int threads = 4;
-    const int rounds = 50;
+    const int threads = 4, rounds = 50;
     Channel* chan = newChannel("SHARED");
     TraceCapture trace(2);
-    ASSERT_EQ(lockChannel(chan), 0);
+    ASSERT_EQ(0, lockChannel(chan));
     int counter = 0;   /* plain on purpose: only the channel lock keeps the increments apart */
-    std::atomic<int> done{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < threads; i++) {
         waiters.emplace_back([&] {
-            char name[17];
             for (int round = 0; round < rounds; round++) {
-                ASSERT_EQ(lockChannel(chan), 0);
-                EXPECT_EQ(__atomic_load_n(&chan->isLocked, __ATOMIC_RELAXED), 1);
+                ASSERT_EQ(0, lockChannel(chan));
+                EXPECT_EQ(1, __atomic_load_n(&chan->isLocked, __ATOMIC_RELAXED));
                 int seen = counter;
                 std::this_thread::yield();
                 counter = seen + 1;
-                EXPECT_EQ(unlockChannel(chan), 0);
-                EXPECT_EQ(ECI_getChannelName(chan, name), 0);
+                EXPECT_EQ(0, unlockChannel(chan));
             }
-            ++done;
         });
     }
-    bool allWaiting = pollUntil([&trace] { return trace.find(1463).size() == (size_t)threads; },
-                                5);
-    EXPECT_EQ(unlockChannel(chan), 0);
-    bool allDone = pollUntil([&done] { return done.load() == threads; });
+    bool allWaiting = pollUntil([&trace] { return trace.find(1463).size() == (size_t)threads; }, 5);
+    EXPECT_EQ(0, unlockChannel(chan));
     for (std::thread& t : waiters) t.join();
     EXPECT_TRUE(allWaiting) << trace.find(1463).size() << " of " << threads << " lockers waited";
-    ASSERT_TRUE(allDone) << done.load() << " of " << threads << " waiters finished";
-    EXPECT_EQ(counter, threads * rounds);
-    EXPECT_EQ(chan->isLocked, 0);
+    EXPECT_EQ(threads * rounds, counter);
+    EXPECT_EQ(0, chan->isLocked);
 }
 
-/* What the entry records are given: a channel with one container, and the caller's buffers. */
-struct EntryFixture {
-    Channel*      chan;
-    Channel*      spare;
+/* ---------------------------------------------------------------- argument checks */
+
+struct ArgFixture {
+    Channel* chan;
+    Channel* bogus;   /* a block the size of a channel whose lock was never initialised */
+    Channel* none;
     ContainerInfo info;
-    char          buffer[17];
-    unsigned long count;
-    int           ccsid;
+    char buffer[17];
 };
 
-struct EntryCase {
-    const char* label;
-    int         id;
-    void (*call)(EntryFixture& f);
-    std::string (*expected)(EntryFixture& f);
-};
+#define CALL(expr) [](ArgFixture& f) -> int { (void)f; return expr; }
+#define RC(code) code, #code
 
-std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
-
-std::string format(const char* pattern, ...)
+/* The first failing check wins, is named by one exception record and again by the exit record; a failure after
+   the channel was taken still releases it. "%p" stands for the bogus token. */
+TEST_F(Channels, EveryArgumentCheckInOrder)
 {
-    char text[512];
-    va_list args;
-    va_start(args, pattern);
-    vsnprintf(text, sizeof text, pattern, args);
-    va_end(args);
-    return text;
+    const struct {
+        int (*call)(ArgFixture& f);
+        int rc;
+        const char* rcName;
+        const char* exit;   /* the function the exit record names */
+        const char* exc;    /* NULL: no exception record */
+    } cases[] = {
+        {CALL(ECI_createChannel(NULL, NULL)), RC(ECI_ERR_NULLCHANNELPTR), "API.ECI_createChannel", "API.ECI_createChannel() tokPtr is NULL"},
+        {CALL(ECI_createChannel("", &f.none)), RC(ECI_ERR_INVALID_NAME), "API.ECI_createChannel", "clapi_channel.validateName() name is zero length"},
+        {CALL(ECI_deleteChannel(NULL)), RC(ECI_ERR_NULLCHANNELPTR), "API.ECI_deleteChannel", "API.ECI_deleteChannel() tokPtr is NULL"},
+        {CALL(ECI_deleteChannel(&f.none)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_deleteChannel", "API.ECI_deleteChannel() *tokPtr is NULL"},
+        {CALL(ECI_deleteChannel(&f.bogus)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_deleteChannel", "clapi_channel.lockChannel() chanTok (%p) is not a channel"},
+        {CALL(ECI_getChannelName(NULL, NULL)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_getChannelName", "API.ECI_getChannelName() chanTok is NULL"},
+        {CALL(ECI_getChannelName(f.chan, NULL)), RC(ECI_ERR_NULLPTR), "API.ECI_getChannelName", "API.ECI_getChannelName() nameBuffer is NULL"},
+        {CALL(ECI_getChannelName(f.bogus, f.buffer)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_getChannelName", "clapi_channel.lockChannel() chanTok (%p) is not a channel"},
+        {CALL(lockChannel(NULL)), RC(ECI_ERR_INVALID_CHANNEL), "clapi_channel.lockChannel", "clapi_channel.lockChannel() chanTok is NULL"},
+        {CALL(unlockChannel(NULL)), RC(ECI_ERR_INVALID_CHANNEL), "clapi_channel.unlockChannel", "clapi_channel.unlockChannel() chanTok is NULL"},
+        {CALL(unlockChannel(f.bogus)), RC(ECI_ERR_INVALID_CHANNEL), "clapi_channel.unlockChannel", "clapi_channel.unlockChannel() chanTok (%p) is not a channel"},
+        {CALL(ECI_createContainer(NULL, NULL, 0, 0, NULL, 5)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_createContainer", "API.ECI_createContainer() chanTok is NULL"},
+        {CALL(ECI_createContainer(f.chan, NULL, 0, 0, NULL, 5)), RC(ECI_ERR_INVALID_TYPE), "API.ECI_createContainer", "API.ECI_createContainer() type is invalid (0)"},
+        {CALL(ECI_createContainer(f.chan, NULL, 3, 0, NULL, 5)), RC(ECI_ERR_INVALID_TYPE), "API.ECI_createContainer", "API.ECI_createContainer() type is invalid (3)"},
+        {CALL(ECI_createContainer(f.chan, NULL, ECI_CHAR, 0, NULL, 5)), RC(ECI_ERR_INVALID_DATA_LENGTH), "API.ECI_createContainer", NULL},
+        {CALL(ECI_createContainer(f.chan, NULL, ECI_BIT, 0, NULL, 0)), RC(ECI_ERR_INVALID_NAME), "API.ECI_createContainer", "clapi_channel.validateName() name is NULL"},
+        {CALL(ECI_createContainer(f.bogus, "X", ECI_BIT, 0, NULL, 0)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_createContainer", "clapi_channel.lockChannel() chanTok (%p) is not a channel"},
+        {CALL(ECI_deleteContainer(NULL, NULL)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_deleteContainer", "API.ECI_deleteContainer() chanTok is NULL"},
+        {CALL(ECI_deleteContainer(f.chan, "")), RC(ECI_ERR_INVALID_NAME), "API.ECI_deleteContainer", "clapi_channel.validateName() name is zero length"},
+        {CALL(ECI_deleteContainer(f.chan, "NOPE")), RC(ECI_ERR_CONTAINER_NOTFOUND), "API.ECI_deleteContainer", "API.ECI_deleteContainer() Container \"NOPE\" does not exist in channel \"CHAN\""},
+        {CALL(ECI_getContainerData(NULL, NULL, NULL, 0, 0, NULL)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_getContainerData", "API.ECI_getContainerData() chanTok is NULL"},
+        {CALL(ECI_getContainerData(f.chan, NULL, NULL, 0, 0, NULL)), RC(ECI_ERR_NULLPTR), "API.ECI_getContainerData", "API.ECI_getContainerData() buffer is NULL"},
+        {CALL(ECI_getContainerData(f.chan, "A B", f.buffer, 8, 0, NULL)), RC(ECI_ERR_INVALID_NAME), "API.ECI_getContainerData", "clapi_channel.validateName() name contains invalid character ' '"},
+        {CALL(ECI_getContainerData(f.chan, "NOPE", f.buffer, 8, 0, NULL)), RC(ECI_ERR_CONTAINER_NOTFOUND), "API.ECI_getContainerData", "API.ECI_getContainerData() Container \"NOPE\" does not exist in channel \"CHAN\""},
+        {CALL(ECI_setContainerData(NULL, NULL, NULL, 5)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_setContainerData", "API.ECI_setContainerData() chanTok is NULL"},
+        {CALL(ECI_setContainerData(f.chan, NULL, NULL, 5)), RC(ECI_ERR_INVALID_DATA_LENGTH), "API.ECI_setContainerData", "API.ECI_setContainerData() data is NULL when dataLength is 5"},
+        {CALL(ECI_setContainerData(f.chan, NULL, NULL, 0)), RC(ECI_ERR_INVALID_NAME), "API.ECI_setContainerData", "clapi_channel.validateName() name is NULL"},
+        {CALL(ECI_setContainerData(f.chan, "NOPE", NULL, 0)), RC(ECI_ERR_CONTAINER_NOTFOUND), "API.ECI_setContainerData", "API.ECI_setContainerData() Container \"NOPE\" does not exist in channel \"CHAN\""},
+        {CALL(ECI_getContainerInfo(NULL, NULL, NULL)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_getContainerInfo", "API.ECI_getContainerInfo() chanTok is NULL"},
+        {CALL(ECI_getContainerInfo(f.chan, NULL, NULL)), RC(ECI_ERR_NULLINFOPTR), "API.ECI_getContainerInfo", "API.ECI_getContainerInfo() infoPtr is NULL"},
+        {CALL(ECI_getContainerInfo(f.chan, "SEVENTEEN_CHARS_X", &f.info)), RC(ECI_ERR_INVALID_NAME), "API.ECI_getContainerInfo", "clapi_channel.validateName() name length exceeds 16"},
+        {CALL(ECI_getContainerInfo(f.chan, "NOPE", &f.info)), RC(ECI_ERR_CONTAINER_NOTFOUND), "API.ECI_getContainerInfo", "API.ECI_getContainerInfo() Container \"NOPE\" does not exist in channel \"CHAN\""},
+        {CALL(ECI_getFirstContainer(NULL, NULL)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_getFirstContainer", "API.ECI_getFirstContainer() chanTok is NULL"},
+        {CALL(ECI_getFirstContainer(f.chan, NULL)), RC(ECI_ERR_NULLINFOPTR), "API.ECI_getFirstContainer", "API.ECI_getFirstContainer() infoPtr is NULL"},
+        {CALL(ECI_getFirstContainer(f.bogus, &f.info)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_getFirstContainer", "clapi_channel.lockChannel() chanTok (%p) is not a channel"},
+        {CALL(ECI_getNextContainer(NULL, NULL)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_getNextContainer", "API.ECI_getNextContainer() chanTok is NULL"},
+        {CALL(ECI_getNextContainer(f.chan, NULL)), RC(ECI_ERR_NULLINFOPTR), "API.ECI_getNextContainer", "API.ECI_getNextContainer() infoPtr is NULL"},
+        {CALL(ECI_getNextContainer(f.bogus, &f.info)), RC(ECI_ERR_INVALID_CHANNEL), "API.ECI_getNextContainer", "clapi_channel.lockChannel() chanTok (%p) is not a channel"},
+    };
+    alignas(8) unsigned char notAChannel[sizeof(Channel)] = {};
+    ArgFixture f = {};
+    f.chan = newChannel("CHAN");
+    TraceCapture trace(3);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.exc == NULL ? c.rcName : c.exc);
+        f.bogus = reinterpret_cast<Channel*>(notAChannel);
+        f.none = NULL;
+        memset(f.buffer, 0, sizeof f.buffer);
+        trace.clear();
+        EXPECT_EQ(c.rc, c.call(f));
+        std::vector<TraceRecord> records = trace.records();
+        std::vector<std::string> exceptions, expected;
+        for (const TraceRecord& r : records)
+            if (r.type == "*EXC*" && r.id != 3104 && r.id != 3108) exceptions.push_back(r.message);
+        char text[200];
+        if (c.exc != NULL) expected.push_back((snprintf(text, sizeof text, c.exc, (void*)notAChannel), text));
+        EXPECT_EQ(expected, exceptions);
+        ASSERT_FALSE(records.empty());
+        EXPECT_EQ("EXIT " + std::string(c.exit) + "() rc=" + std::to_string(c.rc) + " (" + c.rcName + ")",
+                  records.back().type + " " + records.back().message);
+        EXPECT_EQ(0, f.chan->isLocked);
+    }
 }
-
-#define ENTRY_CALL(expr) [](EntryFixture& f) { (void)f; (void)(expr); }
-#define ENTRY_TEXT(...) [](EntryFixture& f) { (void)f; return format(__VA_ARGS__); }
-
-/* Lengths above 2^31 show that unsigned longs are printed unsigned. */
-const EntryCase entryCases[] = {
-    {"createChannelNullName", 1300, ENTRY_CALL(ECI_createChannel(NULL, &f.spare)),
-     ENTRY_TEXT("API.ECI_createChannel(name=NULL, tokPtr=%p)", (void*)&f.spare)},
-    {"createChannel", 1300, ENTRY_CALL(ECI_createChannel("NEWCHAN", &f.spare)),
-     ENTRY_TEXT("API.ECI_createChannel(name=NEWCHAN, tokPtr=%p)", (void*)&f.spare)},
-    {"getChannelName", 1320, ENTRY_CALL(ECI_getChannelName(f.chan, f.buffer)),
-     ENTRY_TEXT("API.ECI_getChannelName(chanTok=%p, nameBuffer=%p)", (void*)f.chan, (void*)f.buffer)},
-    {"createContainerNullName", 1325, ENTRY_CALL(ECI_createContainer(f.chan, NULL, 2, 1208, NULL, 3000000000UL)),
-     ENTRY_TEXT("API.ECI_createContainer(chanTok=%p, name=NULL, type=2, ccsid=1208, data=(nil), dataLength=3000000000)",
-                (void*)f.chan)},
-    {"createContainer", 1325, ENTRY_CALL(ECI_createContainer(f.chan, "NEW", 1, -5, f.buffer, 4)),
-     ENTRY_TEXT("API.ECI_createContainer(chanTok=%p, name=NEW, type=1, ccsid=-5, data=%p, dataLength=4)",
-                (void*)f.chan, (void*)f.buffer)},
-    {"deleteContainerNullName", 1338, ENTRY_CALL(ECI_deleteContainer(f.chan, NULL)),
-     ENTRY_TEXT("API.ECI_deleteContainer(chanTok=%p, name=NULL)", (void*)f.chan)},
-    {"getContainerDataNullName", 1347,
-     ENTRY_CALL(ECI_getContainerData(f.chan, NULL, f.buffer, 3000000000UL, 4000000000UL, &f.count)),
-     ENTRY_TEXT("API.ECI_getContainerData(chanTok=%p, name=NULL, buffer=%p, length=3000000000, offset=4000000000, "
-                "bytesReadPtr=%p)",
-                (void*)f.chan, (void*)f.buffer, (void*)&f.count)},
-    {"getContainerData", 1347, ENTRY_CALL(ECI_getContainerData(f.chan, "DATA", f.buffer, 8, 1, NULL)),
-     ENTRY_TEXT("API.ECI_getContainerData(chanTok=%p, name=DATA, buffer=%p, length=8, offset=1, bytesReadPtr=(nil))",
-                (void*)f.chan, (void*)f.buffer)},
-    {"setContainerDataNullName", 1355, ENTRY_CALL(ECI_setContainerData(f.chan, NULL, f.buffer, 3000000000UL)),
-     ENTRY_TEXT("API.ECI_setContainerData(chanTok=%p, name=NULL, data=%p, dataLength=3000000000)", (void*)f.chan,
-                (void*)f.buffer)},
-    {"getContainerInfoNullName", 1364, ENTRY_CALL(ECI_getContainerInfo(f.chan, NULL, &f.info)),
-     ENTRY_TEXT("API.ECI_getContainerInfo(chanTok=%p, name=NULL, infoPtr=%p)", (void*)f.chan, (void*)&f.info)},
-    {"getFirstContainer", 1370, ENTRY_CALL(ECI_getFirstContainer(f.chan, &f.info)),
-     ENTRY_TEXT("API.ECI_getFirstContainer(chanTok=%p, infoPtr=%p)", (void*)f.chan, (void*)&f.info)},
-    {"getNextContainer", 1377, ENTRY_CALL(ECI_getNextContainer(f.chan, NULL)),
-     ENTRY_TEXT("API.ECI_getNextContainer(chanTok=%p, infoPtr=(nil))", (void*)f.chan)},
-    {"getCurrentCcsid", 1435, ENTRY_CALL(getCurrentCcsid(&f.ccsid)),
-     ENTRY_TEXT("clapi_channel.getCurrentCcsid(ccsidPtr=%p)", (void*)&f.ccsid)},
-    {"dumpChannels", 1410, ENTRY_CALL(ZEP_ECI_dumpChannels()), ENTRY_TEXT("API.ZEP_ECI_dumpChannels()")},
-    {"deleteChannel", 1310, ENTRY_CALL(ECI_deleteChannel(&f.spare)),
-     ENTRY_TEXT("API.ECI_deleteChannel(tokPtr=%p)", (void*)&f.spare)},
-    {"deleteAllChannels", 1425, ENTRY_CALL(ECI_deleteAllChannels()), ENTRY_TEXT("API.ECI_deleteAllChannels()")},
-};
 
 }  // namespace

@@ -1,79 +1,66 @@
-// Trace record layout, level gating per record type, and the banner at the top of a trace file.
+// Trace record layout, level gating per record type, and the layout of storage dumps.
 #include <gtest/gtest.h>
 
 #include <pthread.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cstring>
 #include <ctime>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "clapi_internal.h"
+#include "clapi_diag.h"
 #include "trace_capture.h"
 #include "zepclient.h"
 
 namespace {
 
-std::string format(const char* fmt, const void* pointer) {
-    char text[128];
-    snprintf(text, sizeof text, fmt, pointer);
+// A dump line's hex, padded to its 35 columns, then " : " and the characters.
+std::string padded(const char* text)
+{
+    std::string hex(text, strstr(text, " : ") - text);
+    hex.resize(35, ' ');
+    return hex + strstr(text, " : ");
+}
+
+std::string addressOf(const void* address)
+{
+    char text[32];
+    snprintf(text, sizeof text, "0x%8.8lX: ", static_cast<unsigned long>(reinterpret_cast<uintptr_t>(address)));
     return text;
 }
 
-uint32_t ownTid() { return static_cast<uint32_t>(static_cast<uintptr_t>(pthread_self())); }
-
-// Seconds between a record's "dd/mm/yy hh:mm:ss:mmm" and now, or a large number if it does not parse.
-double secondsFromNow(const std::string& stamp) {
-    struct tm local = {};
-    int milliseconds = -1;
-    if (sscanf(stamp.c_str(), "%2d/%2d/%2d %2d:%2d:%2d:%3d", &local.tm_mday, &local.tm_mon, &local.tm_year,
-               &local.tm_hour, &local.tm_min, &local.tm_sec, &milliseconds) != 7)
-        return 1e9;
-    local.tm_mon -= 1;
-    local.tm_year += 100;
-    local.tm_isdst = -1;
-    return difftime(time(nullptr), mktime(&local));
-}
-
-}  // namespace
-
-TEST(TraceRecordLayout, FieldsOfAnEntryRecord) {
+TEST(TraceRecordLayout, FieldsOfAnEntryRecord)
+{
     TraceCapture trace(3);
     char* version = nullptr;
     ASSERT_EQ(0, ZEP_getDLLVersion(&version));
-
     std::vector<TraceRecord> entries = trace.find(1032);
     ASSERT_EQ(1u, entries.size());
-    const TraceRecord& entry = entries[0];
-    EXPECT_EQ(static_cast<uint32_t>(getpid()), entry.pid);
-    EXPECT_EQ(ownTid(), entry.tid);
-    EXPECT_EQ("ENTRY", entry.type);
-    EXPECT_EQ(format("API.ZEP_getDLLVersion(dllVersPtr=%p)", &version), entry.message);
-    EXPECT_LT(std::abs(secondsFromNow(entry.timestamp)), 5.0) << entry.timestamp;
-
-    // The raw line: 21-character timestamp, ids as 8 upper-case hex digits, the id in four digits,
-    // the type padded to six characters and one blank before the message.
+    char message[64];
+    snprintf(message, sizeof message, "API.ZEP_getDLLVersion(dllVersPtr=%p)", static_cast<void*>(&version));
+    EXPECT_EQ(message, entries[0].message);
+    // The raw line: "dd/mm/yy hh:mm:ss:mmm", pid and tid as 8 upper-case hex digits, the id in four digits, the
+    // type padded to six characters and one blank before the message.
     char expected[256];
-    snprintf(expected, sizeof expected, "%s [0x%8.8X,0x%8.8X] [1032] ENTRY  %s", entry.timestamp.c_str(),
-             static_cast<unsigned>(getpid()), ownTid(), entry.message.c_str());
-    EXPECT_EQ(expected, trace.lines()[entry.line]);
-    EXPECT_EQ(21u, entry.timestamp.size());
+    snprintf(expected, sizeof expected, " [0x%8.8X,0x%8.8X] [1032] ENTRY  %s", static_cast<unsigned>(getpid()),
+             static_cast<unsigned>(static_cast<uintptr_t>(pthread_self())), message);
+    const std::string line = trace.lines()[entries[0].line];
+    EXPECT_EQ(expected, line.substr(21));
+    char stamp[32];
+    const time_t now = time(nullptr);
+    strftime(stamp, sizeof stamp, "%d/%m/%y %H:", localtime(&now));
+    EXPECT_EQ(std::string(stamp).substr(0, 9), line.substr(0, 9));   // the date; ":mm:ss:mmm" follows the hour
 }
 
 // Each level writes the record types at or below it: *EXC* 1, EVENT 2, ENTRY/EXIT 3, DEBUG/DATA 4.
-TEST(TraceLevelGating, RecordTypesPerLevel) {
-    struct Emitter { const char* type; int id; int lowestLevel; };
-    const Emitter emitters[] = {
-        {"*EXC*", 1033, 1}, {"EVENT", 1015, 2}, {"ENTRY", 1029, 3},
-        {"EXIT", 1031, 3}, {"DEBUG", 1049, 4}, {"DATA", 1334, 4},
+TEST(TraceLevelGating, RecordTypesPerLevel)
+{
+    const struct { const char* type; int id; int lowestLevel; } emitters[] = {
+        {"*EXC*", 1033, 1}, {"EVENT", 1015, 2}, {"ENTRY", 1029, 3}, {"EXIT", 1031, 3}, {"DEBUG", 1049, 4}, {"DATA", 1334, 4},
     };
     TraceCapture trace(-1);
     for (int level = 0; level <= 5; ++level) {
         ASSERT_EQ(0, ZEP_setAPITraceLevel(level));
         trace.clear();
-
         ZEP_getDLLVersion(nullptr);                   // *EXC* 1033
         ZEP_closeAllGatewayConnections();             // EVENT 1015
         char* version = nullptr;
@@ -81,20 +68,61 @@ TEST(TraceLevelGating, RecordTypesPerLevel) {
         ZEP_setAPITraceDataLength(128);               // DEBUG 1049
         Channel* channel = nullptr;
         ASSERT_EQ(0, ECI_createChannel("GATING", &channel));
-        const uint8_t area[2] = {0x41, 0x42};
-        ASSERT_EQ(0, ECI_createContainer(channel, "AREA", ECI_BIT, 0, area, sizeof area));   // DATA 1334
+        ASSERT_EQ(0, ECI_createContainer(channel, "AREA", ECI_BIT, 0, "AB", 2));   // DATA 1334
         ASSERT_EQ(0, ECI_deleteChannel(&channel));
-
-        for (const Emitter& emitter : emitters) {
+        for (const auto& emitter : emitters) {
             std::vector<TraceRecord> found = trace.find(emitter.id);
-            bool expected = level >= emitter.lowestLevel;
-            EXPECT_EQ(expected ? 1u : 0u, found.size()) << emitter.type << " at level " << level;
-            if (!found.empty()) {
-                EXPECT_EQ(emitter.type, found[0].type);
-            }
+            EXPECT_EQ(level >= emitter.lowestLevel ? 1u : 0u, found.size()) << emitter.type << " at level " << level;
+            EXPECT_EQ(found.empty() ? "" : emitter.type, found.empty() ? "" : found[0].type);
         }
-        if (level == 0) {
-            EXPECT_EQ("", trace.text());
+        EXPECT_EQ(level == 0, trace.text().empty());
+    }
+}
+
+// A dump is written whatever the level. Its first line names the limit and the offset in force; each line after
+// shows up to 16 bytes from the offset on, in upper-case hex and as characters printable in the C locale.
+TEST(StorageDump, LimitOffsetAndLineLayout)
+{
+    const struct {
+        unsigned long limit, offset, length;
+        uint32_t shown;
+        size_t lines;
+        const char* first;   // what follows the address on the first and on the last line
+        const char* last;
+    } cases[] = {
+        {128, 0, 300, 128, 8, "00010203 04050607 08090A0B 0C0D0E0F : ................",
+         "70717273 74757677 78797A7B 7C7D7E7F : pqrstuvwxyz{|}~."},
+        {0, 10, 300, 290, 19, "0A0B0C0D 0E0F1011 12131415 16171819 : ................",
+         "2A2B : *+"},
+        {20, 32, 100, 20, 2, "20212223 24252627 28292A2B 2C2D2E2F :  !\"#$%&'()*+,-./", "30313233 : 0123"},
+        {16, 0, 17, 16, 1, "00010203 04050607 08090A0B 0C0D0E0F : ................", nullptr},
+        {128, 248, 256, 8, 1, "F8F9FAFB FCFDFEFF : ........", nullptr},
+        {128, 65, 66, 1, 1, "41 : A", nullptr},
+        {128, 40, 40, 0, 0, nullptr, nullptr},
+        {128, 41, 40, 0, 0, nullptr, nullptr},
+        {0, 1000, 40, 0, 0, nullptr, nullptr},
+        {128, 0, 0, 0, 0, nullptr, nullptr},
+    };
+    TraceCapture trace(0);
+    std::vector<uint8_t> area(300);
+    for (size_t i = 0; i < area.size(); ++i) area[i] = static_cast<uint8_t>(i);
+    for (const auto& c : cases) {
+        ASSERT_EQ(0, ZEP_setAPITraceDataLength(c.limit));
+        ASSERT_EQ(0, ZEP_setAPITraceDataOffset(c.offset));
+        trace.clear();
+        const std::string header = "Data truncation size=" + std::to_string(c.limit) + ", offset=" + std::to_string(c.offset);
+        SCOPED_TRACE(header);
+        EXPECT_EQ(c.shown, clapiTraceOutStorage(area.data(), c.length, 0, 16, 1));
+        std::vector<std::string> lines = trace.lines();
+        ASSERT_EQ(c.lines + 1, lines.size());
+        EXPECT_EQ(header, lines[0]);
+        if (c.first != nullptr) {
+            EXPECT_EQ(addressOf(area.data() + c.offset) + padded(c.first), lines[1]);
+        }
+        if (c.last != nullptr) {
+            EXPECT_EQ(addressOf(area.data() + c.offset + 16 * (c.lines - 1)) + padded(c.last), lines.back());
         }
     }
 }
+
+}  // namespace
