@@ -103,7 +103,7 @@ TEST(ZepgwRobustness, EndsByItselfWithStatusZero)
     EXPECT_NE(idle.log().find("no client for 1 seconds"), std::string::npos) << idle.log();
 }
 
-TEST(ZepgwRobustness, HelpNamesEveryOptionProgramAndFaultMode)
+TEST(ZepgwRobustness, HelpNamesEveryOptionProgramAndFaultModeAndVersion)
 {
     std::string out;
     int status = -1;
@@ -115,6 +115,8 @@ TEST(ZepgwRobustness, HelpNamesEveryOptionProgramAndFaultMode)
                              "DROPMID", "GWCLOSE", "NOHS", "HSERR", "HSBADEYE", "PINGY", "ZEPSYS1", "ZEPUSER", "ALICE",
                              "EXPIRED"})
         EXPECT_NE(out.find(word), std::string::npos) << word;
+    ASSERT_TRUE(ZepgwProcess::run({"--version"}, &out, &status));
+    EXPECT_EQ(out, "zepgw 1.0.0\n");
 }
 
 TEST(ZepgwRobustness, BadCommandLinesAndTablesStopItAtOnce)
