@@ -157,6 +157,8 @@ TEST_F(Zepgw, EachProgramRepliesItsWay)
          }), eciReply(0, "    ", 90, withData(who + std::string(90 - who.size(), '\0')))},
         {"CHANNEL", with(eci("CHANNEL ", ""), [&](EciCall& c) { c.channel = channelIn; }), eciReply(0, "    ", 0, cat({hex("00"), channelOut}))},
         {"CHANBAD", with(eci("CHANBAD ", ""), [&](EciCall& c) { c.channel = chanbadIn; }), eciReply(0, "    ", 0, cat({hex("00"), chanbadOut}))},
+        {"LUW of an unknown unit", with(eci("LUW     ", "....tail"), [](EciCall& c) { c.extendMode = 1, c.luwToken = 99; }),
+         eciReply(-8, "    ", 8, noData())},
         {"CHANNEL without one", eci("CHANNEL ", "abc"), eciReply(-7, "ZNCH", 3, withData("abc"))},
     };
     for (const auto& c : cases) {
