@@ -1,198 +1,102 @@
-// Return codes: every value and name of the four families, the family order of the general lookup,
-// the shared "UNKNOWN" text, and ZEP_getRcString's copy into the caller's 40-byte buffer.
+// Return codes: the value and name of each code of the four families, the family order of the general lookup,
+// and ZEP_getRcString's copy into the caller's 40-byte buffer.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "clapi_impl.h"
+#include "test_support.h"
 #include "trace_capture.h"
 #include "zepclient.h"
 
 namespace {
 
-struct Code {
-    int macro;      // the public header's value
-    int value;      // the value the code must have
-    const char* name;
-};
+struct Code { int macro, value; const char* name; };
+#define RC(name, value) {name, value, #name}
 
 const Code generalCodes[] = {
-    {ZEP_OK, 0, "ZEP_OK"},
-    {ZEP_ERR_SYSTEM_ERROR, -9, "ZEP_ERR_SYSTEM_ERROR"},
-    {ZEP_ERR_MORE_SYSTEMS, -25, "ZEP_ERR_MORE_SYSTEMS"},
-    {ZEP_ERR_NO_SYSTEMS, -26, "ZEP_ERR_NO_SYSTEMS"},
-    {ZEP_ERR_NULLGWTOK, -100, "ZEP_ERR_NULLGWTOK"},
-    {ZEP_ERR_BADGWTOK, -101, "ZEP_ERR_BADGWTOK"},
-    {ZEP_ERR_LOSTGWCON, -102, "ZEP_ERR_LOSTGWCON"},
-    {ZEP_ERR_NULLPARM, -103, "ZEP_ERR_NULLPARM"},
-    {ZEP_ERR_TRACELEVEL, -104, "ZEP_ERR_TRACELEVEL"},
-    {ZEP_ERR_BADPORT, -107, "ZEP_ERR_BADPORT"},
-    {ZEP_ERR_NULLGWTOKPTR, -108, "ZEP_ERR_NULLGWTOKPTR"},
-    {ZEP_ERR_NULLPTR, -109, "ZEP_ERR_NULLPTR"},
-    {ZEP_ERR_MALLOCFAIL, -111, "ZEP_ERR_MALLOCFAIL"},
-    {ZEP_ERR_CONNECTFAILED, -118, "ZEP_ERR_CONNECTFAILED"},
-    {ZEP_ERR_TRACEFILE, -130, "ZEP_ERR_TRACEFILE"},
-    {ZEP_ERR_BADHOST, -132, "ZEP_ERR_BADHOST"},
-    {ZEP_ERR_NULLADDRESS, -133, "ZEP_ERR_NULLADDRESS"},
-    {ZEP_ERR_CONNECTTIMEOUT, -134, "ZEP_ERR_CONNECTTIMEOUT"},
-    {ZEP_ERR_NULLECIPOINTER, -137, "ZEP_ERR_NULLECIPOINTER"},
-    {ZEP_ERR_INVALIDTIMEOUTPARM, -138, "ZEP_ERR_INVALIDTIMEOUTPARM"},
-    {ZEP_ERR_APPLIDTOOLONG, -139, "ZEP_ERR_APPLIDTOOLONG"},
-    {ZEP_ERR_GWTOK_CLOSED, -140, "ZEP_ERR_GWTOK_CLOSED"},
-    {ZEP_ERR_GATEWAY_CLOSED, 0xF004, "ZEP_ERR_GATEWAY_CLOSED"},
-    {ZEP_ERR_WORK_WAS_REFUSED, 0xF005, "ZEP_ERR_WORK_WAS_REFUSED"},
-    {ZEP_ERR_GATEWAY_EXCEPTION, 0xF006, "ZEP_ERR_GATEWAY_EXCEPTION"},
-    {ZEP_ERR_GATEWAY_BACK_LEVEL, 0xF00A, "ZEP_ERR_GATEWAY_BACK_LEVEL"},
-    {ZEP_ERR_INVALID_REQUEST_TYPE, 0xF00B, "ZEP_ERR_INVALID_REQUEST_TYPE"},
+    RC(ZEP_OK, 0), RC(ZEP_ERR_SYSTEM_ERROR, -9), RC(ZEP_ERR_MORE_SYSTEMS, -25), RC(ZEP_ERR_NO_SYSTEMS, -26),
+    RC(ZEP_ERR_NULLGWTOK, -100), RC(ZEP_ERR_BADGWTOK, -101), RC(ZEP_ERR_LOSTGWCON, -102), RC(ZEP_ERR_NULLPARM, -103),
+    RC(ZEP_ERR_TRACELEVEL, -104), RC(ZEP_ERR_BADPORT, -107), RC(ZEP_ERR_NULLGWTOKPTR, -108), RC(ZEP_ERR_NULLPTR, -109),
+    RC(ZEP_ERR_MALLOCFAIL, -111), RC(ZEP_ERR_CONNECTFAILED, -118), RC(ZEP_ERR_TRACEFILE, -130), RC(ZEP_ERR_BADHOST, -132),
+    RC(ZEP_ERR_NULLADDRESS, -133), RC(ZEP_ERR_CONNECTTIMEOUT, -134), RC(ZEP_ERR_NULLECIPOINTER, -137),
+    RC(ZEP_ERR_INVALIDTIMEOUTPARM, -138), RC(ZEP_ERR_APPLIDTOOLONG, -139), RC(ZEP_ERR_GWTOK_CLOSED, -140),
+    RC(ZEP_ERR_GATEWAY_CLOSED, 0xF004), RC(ZEP_ERR_WORK_WAS_REFUSED, 0xF005), RC(ZEP_ERR_GATEWAY_EXCEPTION, 0xF006),
+    RC(ZEP_ERR_GATEWAY_BACK_LEVEL, 0xF00A), RC(ZEP_ERR_INVALID_REQUEST_TYPE, 0xF00B),
 };
-
 const Code eciCodes[] = {
-    {ECI_ERR_INVALID_DATA_LENGTH, -1, "ECI_ERR_INVALID_DATA_LENGTH"},
-    {ECI_ERR_INVALID_EXTEND_MODE, -2, "ECI_ERR_INVALID_EXTEND_MODE"},
-    {ECI_ERR_NO_VANT, -3, "ECI_ERR_NO_VANT"},
-    {ECI_ERR_VANT_DIED, -4, "ECI_ERR_VANT_DIED"},
-    {ECI_ERR_REQUEST_TIMEOUT, -5, "ECI_ERR_REQUEST_TIMEOUT"},
-    {ECI_ERR_RESPONSE_TIMEOUT, -6, "ECI_ERR_RESPONSE_TIMEOUT"},
-    {ECI_ERR_TRANSACTION_ABEND, -7, "ECI_ERR_TRANSACTION_ABEND"},
-    {ECI_ERR_LUW_TOKEN, -8, "ECI_ERR_LUW_TOKEN"},
-    {ECI_ERR_SYSTEM_ERROR, -9, "ECI_ERR_SYSTEM_ERROR"},
-    {ECI_ERR_INVALID_CALL_TYPE, -14, "ECI_ERR_INVALID_CALL_TYPE"},
-    {ECI_ERR_ALREADY_ACTIVE, -15, "ECI_ERR_ALREADY_ACTIVE"},
-    {ECI_ERR_RESOURCE_SHORTAGE, -16, "ECI_ERR_RESOURCE_SHORTAGE"},
-    {ECI_ERR_NO_SESSIONS, -17, "ECI_ERR_NO_SESSIONS"},
-    {ECI_ERR_INVALID_DATA_AREA, -19, "ECI_ERR_INVALID_DATA_AREA"},
-    {ECI_ERR_INVALID_VERSION, -21, "ECI_ERR_INVALID_VERSION"},
-    {ECI_ERR_UNKNOWN_SERVER, -22, "ECI_ERR_UNKNOWN_SERVER"},
-    {ECI_ERR_SECURITY_ERROR, -27, "ECI_ERR_SECURITY_ERROR"},
-    {ECI_ERR_MAX_SYSTEMS, -28, "ECI_ERR_MAX_SYSTEMS"},
-    {ECI_ERR_MAX_SESSIONS, -29, "ECI_ERR_MAX_SESSIONS"},
-    {ECI_ERR_ROLLEDBACK, -30, "ECI_ERR_ROLLEDBACK"},
-    {ECI_ERR_NO_REPLY, -32, "ECI_ERR_NO_REPLY"},
-    {ECI_ERR_INVALID_MSG_QUAL, -33, "ECI_ERR_INVALID_MSG_QUAL"},
+    RC(ECI_ERR_INVALID_DATA_LENGTH, -1), RC(ECI_ERR_INVALID_EXTEND_MODE, -2), RC(ECI_ERR_NO_VANT, -3),
+    RC(ECI_ERR_VANT_DIED, -4), RC(ECI_ERR_REQUEST_TIMEOUT, -5), RC(ECI_ERR_RESPONSE_TIMEOUT, -6),
+    RC(ECI_ERR_TRANSACTION_ABEND, -7), RC(ECI_ERR_LUW_TOKEN, -8), RC(ECI_ERR_SYSTEM_ERROR, -9),
+    RC(ECI_ERR_INVALID_CALL_TYPE, -14), RC(ECI_ERR_ALREADY_ACTIVE, -15), RC(ECI_ERR_RESOURCE_SHORTAGE, -16),
+    RC(ECI_ERR_NO_SESSIONS, -17), RC(ECI_ERR_INVALID_DATA_AREA, -19), RC(ECI_ERR_INVALID_VERSION, -21),
+    RC(ECI_ERR_UNKNOWN_SERVER, -22), RC(ECI_ERR_SECURITY_ERROR, -27), RC(ECI_ERR_MAX_SYSTEMS, -28),
+    RC(ECI_ERR_MAX_SESSIONS, -29), RC(ECI_ERR_ROLLEDBACK, -30), RC(ECI_ERR_NO_REPLY, -32), RC(ECI_ERR_INVALID_MSG_QUAL, -33),
 };
-
 const Code channelCodes[] = {
-    {ECI_NO_ERROR, 0, "ECI_NO_ERROR"},
-    {ECI_ERR_INVALID_DATA_LENGTH, -1, "ECI_ERR_INVALID_DATA_LENGTH"},
-    {ECI_ERR_SYSTEM_ERROR, -9, "ECI_ERR_SYSTEM_ERROR"},
-    {ECI_ERR_INVALID_CHANNEL, -50, "ECI_ERR_INVALID_CHANNEL"},
-    {ECI_ERR_INVALID_NAME, -51, "ECI_ERR_INVALID_NAME"},
-    {ECI_ERR_NULLCHANNELPTR, -52, "ECI_ERR_NULLCHANNELPTR"},
-    {ECI_ERR_CHANNELLOCKFAIL, -53, "ECI_ERR_CHANNELLOCKFAIL"},
-    {ECI_ERR_ENDOFCONTAINERS, -54, "ECI_ERR_ENDOFCONTAINERS"},
-    {ECI_ERR_NULLINFOPTR, -55, "ECI_ERR_NULLINFOPTR"},
-    {ECI_ERR_INVALID_TYPE, -56, "ECI_ERR_INVALID_TYPE"},
-    {ECI_ERR_CONTAINER_NOTFOUND, -58, "ECI_ERR_CONTAINER_NOTFOUND"},
-    {ECI_ERR_CONTAINER_EXISTS, -59, "ECI_ERR_CONTAINER_EXISTS"},
-    {ECI_ERR_COMMAREA_AND_CHANNEL, -60, "ECI_ERR_COMMAREA_AND_CHANNEL"},
-    {ECI_ERR_NULLPTR, -109, "ECI_ERR_NULLPTR"},
-    {ECI_ERR_MEMORY_SHORTAGE, -111, "ECI_ERR_MEMORY_SHORTAGE"},
-    {ECI_ERR_LOCKFAIL, -121, "ECI_ERR_LOCKFAIL"},
+    RC(ECI_NO_ERROR, 0), RC(ECI_ERR_INVALID_DATA_LENGTH, -1), RC(ECI_ERR_SYSTEM_ERROR, -9), RC(ECI_ERR_INVALID_CHANNEL, -50),
+    RC(ECI_ERR_INVALID_NAME, -51), RC(ECI_ERR_NULLCHANNELPTR, -52), RC(ECI_ERR_CHANNELLOCKFAIL, -53),
+    RC(ECI_ERR_ENDOFCONTAINERS, -54), RC(ECI_ERR_NULLINFOPTR, -55), RC(ECI_ERR_INVALID_TYPE, -56),
+    RC(ECI_ERR_CONTAINER_NOTFOUND, -58), RC(ECI_ERR_CONTAINER_EXISTS, -59), RC(ECI_ERR_COMMAREA_AND_CHANNEL, -60),
+    RC(ECI_ERR_NULLPTR, -109), RC(ECI_ERR_MEMORY_SHORTAGE, -111), RC(ECI_ERR_LOCKFAIL, -121),
 };
-
-// The ESI codes; the Gateway's value for each condition follows in esiGatewayCodes.
+// The library's ESI codes, then the Gateway's value for each condition under the same name.
 const Code esiCodes[] = {
-    {ESI_ERR_USERID_INVALID, -300, "ESI_ERR_USERID_INVALID"},
-    {ESI_ERR_NULL_USERID, -301, "ESI_ERR_NULL_USERID"},
-    {ESI_ERR_PASSWORD_INVALID, -302, "ESI_ERR_PASSWORD_INVALID"},
-    {ESI_ERR_NULL_PASSWORD, -303, "ESI_ERR_NULL_PASSWORD"},
-    {ESI_ERR_PEM_NOT_SUPPORTED, -304, "ESI_ERR_PEM_NOT_SUPPORTED"},
-    {ESI_ERR_PEM_NOT_ACTIVE, -305, "ESI_ERR_PEM_NOT_ACTIVE"},
-    {ESI_ERR_PASSWORD_EXPIRED, -306, "ESI_ERR_PASSWORD_EXPIRED"},
-    {ESI_ERR_SECURITY_ERROR, -307, "ESI_ERR_SECURITY_ERROR"},
-    {ESI_ERR_RESOURCE_SHORTAGE, -308, "ESI_ERR_RESOURCE_SHORTAGE"},
-    {ESI_ERR_NO_SESSIONS, -309, "ESI_ERR_NO_SESSIONS"},
-    {ESI_ERR_NO_VANT, -310, "ESI_ERR_NO_VANT"},
-    {ESI_ERR_VANT_DIED, -311, "ESI_ERR_VANT_DIED"},
-    {ESI_ERR_UNKNOWN_SERVER, -312, "ESI_ERR_UNKNOWN_SERVER"},
-    {ESI_ERR_SYSTEM_ERROR, -313, "ESI_ERR_SYSTEM_ERROR"},
-    {ESI_ERR_NULL_NEW_PASSWORD, -314, "ESI_ERR_NULL_NEW_PASSWORD"},
-    {ESI_ERR_PASSWORD_REJECTED, -315, "ESI_ERR_PASSWORD_REJECTED"},
+    RC(ESI_ERR_USERID_INVALID, -300), RC(ESI_ERR_NULL_USERID, -301), RC(ESI_ERR_PASSWORD_INVALID, -302),
+    RC(ESI_ERR_NULL_PASSWORD, -303), RC(ESI_ERR_PEM_NOT_SUPPORTED, -304), RC(ESI_ERR_PEM_NOT_ACTIVE, -305),
+    RC(ESI_ERR_PASSWORD_EXPIRED, -306), RC(ESI_ERR_SECURITY_ERROR, -307), RC(ESI_ERR_RESOURCE_SHORTAGE, -308),
+    RC(ESI_ERR_NO_SESSIONS, -309), RC(ESI_ERR_NO_VANT, -310), RC(ESI_ERR_VANT_DIED, -311), RC(ESI_ERR_UNKNOWN_SERVER, -312),
+    RC(ESI_ERR_SYSTEM_ERROR, -313), RC(ESI_ERR_NULL_NEW_PASSWORD, -314), RC(ESI_ERR_PASSWORD_REJECTED, -315),
+    {-108, -108, "ESI_ERR_USERID_INVALID"}, {-100, -100, "ESI_ERR_NULL_USERID"}, {-106, -106, "ESI_ERR_PASSWORD_INVALID"},
+    {-101, -101, "ESI_ERR_NULL_PASSWORD"}, {-103, -103, "ESI_ERR_PEM_NOT_SUPPORTED"}, {-104, -104, "ESI_ERR_PEM_NOT_ACTIVE"},
+    {-105, -105, "ESI_ERR_PASSWORD_EXPIRED"}, {-27, -27, "ESI_ERR_SECURITY_ERROR"}, {-16, -16, "ESI_ERR_RESOURCE_SHORTAGE"},
+    {-17, -17, "ESI_ERR_NO_SESSIONS"}, {-3, -3, "ESI_ERR_NO_VANT"}, {-4, -4, "ESI_ERR_VANT_DIED"},
+    {-22, -22, "ESI_ERR_UNKNOWN_SERVER"}, {-9, -9, "ESI_ERR_SYSTEM_ERROR"}, {-102, -102, "ESI_ERR_NULL_NEW_PASSWORD"},
+    {-107, -107, "ESI_ERR_PASSWORD_REJECTED"}, {-28, -28, "ESI_ERR_MAX_SYSTEMS"}, {-29, -29, "ESI_ERR_MAX_SESSIONS"},
 };
-
-struct Name { int value; const char* name; };
-
-const Name esiGatewayCodes[] = {
-    {-108, "ESI_ERR_USERID_INVALID"}, {-100, "ESI_ERR_NULL_USERID"},      {-106, "ESI_ERR_PASSWORD_INVALID"},
-    {-101, "ESI_ERR_NULL_PASSWORD"},  {-103, "ESI_ERR_PEM_NOT_SUPPORTED"}, {-104, "ESI_ERR_PEM_NOT_ACTIVE"},
-    {-105, "ESI_ERR_PASSWORD_EXPIRED"}, {-27, "ESI_ERR_SECURITY_ERROR"},  {-16, "ESI_ERR_RESOURCE_SHORTAGE"},
-    {-17, "ESI_ERR_NO_SESSIONS"},     {-3, "ESI_ERR_NO_VANT"},            {-4, "ESI_ERR_VANT_DIED"},
-    {-22, "ESI_ERR_UNKNOWN_SERVER"},  {-9, "ESI_ERR_SYSTEM_ERROR"},       {-102, "ESI_ERR_NULL_NEW_PASSWORD"},
-    {-107, "ESI_ERR_PASSWORD_REJECTED"}, {-28, "ESI_ERR_MAX_SYSTEMS"},    {-29, "ESI_ERR_MAX_SESSIONS"},
+// General names first, then the ECI table (falling through to the channel table), then the ESI table.
+const Code generalLookup[] = {
+    {-9, -9, "ZEP_ERR_SYSTEM_ERROR"}, {-109, -109, "ZEP_ERR_NULLPTR"}, {-111, -111, "ZEP_ERR_MALLOCFAIL"},
+    {-101, -101, "ZEP_ERR_BADGWTOK"}, {-108, -108, "ZEP_ERR_NULLGWTOKPTR"}, {-104, -104, "ZEP_ERR_TRACELEVEL"},
+    {0, 0, "ZEP_OK"}, {-1, -1, "ECI_ERR_INVALID_DATA_LENGTH"}, {-3, -3, "ECI_ERR_NO_VANT"}, {-17, -17, "ECI_ERR_NO_SESSIONS"},
+    {-22, -22, "ECI_ERR_UNKNOWN_SERVER"}, {-27, -27, "ECI_ERR_SECURITY_ERROR"}, {-29, -29, "ECI_ERR_MAX_SESSIONS"},
+    {-50, -50, "ECI_ERR_INVALID_CHANNEL"}, {-60, -60, "ECI_ERR_COMMAREA_AND_CHANNEL"}, {-121, -121, "ECI_ERR_LOCKFAIL"},
+    {-105, -105, "ESI_ERR_PASSWORD_EXPIRED"}, {-106, -106, "ESI_ERR_PASSWORD_INVALID"},
+    {-300, -300, "ESI_ERR_USERID_INVALID"}, {-315, -315, "ESI_ERR_PASSWORD_REJECTED"},
 };
-
-using Lookup = const char* (*)(int);
-
-void expectFamily(const char* family, Lookup lookup, const Code* codes, size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-        EXPECT_EQ(codes[i].value, codes[i].macro) << family << " " << codes[i].name;
-        EXPECT_STREQ(codes[i].name, lookup(codes[i].value)) << family << " " << codes[i].value;
-    }
-}
-
-std::string rcString(int rc) {
-    char buffer[40];
-    memset(buffer, 'x', sizeof buffer);
-    EXPECT_EQ(buffer, ZEP_getRcString(rc, buffer));
-    return buffer;
-}
 
 }  // namespace
 
-TEST(ReturnCodes, EveryCodeOfEveryFamilyHasItsName) {
-    expectFamily("general", clapiGetRcString, generalCodes, sizeof generalCodes / sizeof generalCodes[0]);
-    expectFamily("eci", clapiGetRcStringECI, eciCodes, sizeof eciCodes / sizeof eciCodes[0]);
-    expectFamily("channel", clapiGetRcStringChannel, channelCodes, sizeof channelCodes / sizeof channelCodes[0]);
-    expectFamily("esi", clapiGetRcStringESI, esiCodes, sizeof esiCodes / sizeof esiCodes[0]);
-    for (const Name& code : esiGatewayCodes) EXPECT_STREQ(code.name, clapiGetRcStringESI(code.value)) << code.value;
-}
-
-// General names first, then the ECI table (falling through to the channel table), then the ESI table.
-TEST(ReturnCodes, FamilyOrderOfTheGeneralLookup) {
-    const Name cases[] = {
-        {-9, "ZEP_ERR_SYSTEM_ERROR"},  {-109, "ZEP_ERR_NULLPTR"},          {-111, "ZEP_ERR_MALLOCFAIL"},
-        {-101, "ZEP_ERR_BADGWTOK"},    {-100, "ZEP_ERR_NULLGWTOK"},        {-108, "ZEP_ERR_NULLGWTOKPTR"},
-        {-104, "ZEP_ERR_TRACELEVEL"},  {0, "ZEP_OK"},                      {-1, "ECI_ERR_INVALID_DATA_LENGTH"},
-        {-3, "ECI_ERR_NO_VANT"},       {-4, "ECI_ERR_VANT_DIED"},          {-16, "ECI_ERR_RESOURCE_SHORTAGE"},
-        {-17, "ECI_ERR_NO_SESSIONS"},  {-22, "ECI_ERR_UNKNOWN_SERVER"},    {-27, "ECI_ERR_SECURITY_ERROR"},
-        {-28, "ECI_ERR_MAX_SYSTEMS"},  {-29, "ECI_ERR_MAX_SESSIONS"},      {-50, "ECI_ERR_INVALID_CHANNEL"},
-        {-60, "ECI_ERR_COMMAREA_AND_CHANNEL"}, {-121, "ECI_ERR_LOCKFAIL"}, {-105, "ESI_ERR_PASSWORD_EXPIRED"},
-        {-106, "ESI_ERR_PASSWORD_INVALID"}, {-300, "ESI_ERR_USERID_INVALID"}, {-315, "ESI_ERR_PASSWORD_REJECTED"},
+TEST(ReturnCodes, EveryCodeOfEveryFamilyHasItsValueAndName)
+{
+    const struct { const char* (*lookup)(int); const Code* codes; size_t count; } families[] = {
+        {clapiGetRcString, generalCodes, std::size(generalCodes)}, {clapiGetRcStringECI, eciCodes, std::size(eciCodes)},
+        {clapiGetRcStringChannel, channelCodes, std::size(channelCodes)}, {clapiGetRcStringESI, esiCodes, std::size(esiCodes)},
+        {clapiGetRcString, generalLookup, std::size(generalLookup)},
     };
-    for (const Name& c : cases) {
-        EXPECT_STREQ(c.name, clapiGetRcString(c.value)) << c.value;
-        EXPECT_EQ(c.name, rcString(c.value)) << c.value;
+    for (const auto& family : families) {
+        for (const Code* code = family.codes; code < family.codes + family.count; ++code) {
+            EXPECT_EQ(code->value, code->macro) << code->name;
+            EXPECT_STREQ(code->name, family.lookup(code->value)) << code->value;
+        }
     }
 }
 
-// The copy is bounded at 40 bytes: the name, then NULs up to the 40th byte, and nothing beyond.
-TEST(ReturnCodes, CopyFillsExactlyFortyBytes) {
+// The copy is bounded at 40 bytes: the name, then NULs up to the 40th byte, and nothing beyond; with a trace.
+TEST(ReturnCodes, CopyFillsExactlyFortyBytes)
+{
+    TraceCapture trace(3);
     unsigned char buffer[64];
     memset(buffer, 0xAA, sizeof buffer);
     char* text = reinterpret_cast<char*>(buffer);
     ASSERT_EQ(text, ZEP_getRcString(-101, text));
-    const size_t nameLength = strlen("ZEP_ERR_BADGWTOK");
-    EXPECT_EQ(0, memcmp(buffer, "ZEP_ERR_BADGWTOK", nameLength));
-    for (size_t i = nameLength; i < 40; ++i) EXPECT_EQ(0, buffer[i]) << "byte " << i;
-    for (size_t i = 40; i < sizeof buffer; ++i) EXPECT_EQ(0xAA, buffer[i]) << "byte " << i;
-}
-
-TEST(ReturnCodes, NullBufferReturnsNull) {
-    EXPECT_EQ(nullptr, ZEP_getRcString(0, nullptr));
-    EXPECT_EQ(nullptr, ZEP_getRcString(-101, nullptr));
-}
-
-TEST(ReturnCodes, GetRcStringRecords) {
-    TraceCapture trace(3);
-    char buffer[40];
-    ZEP_getRcString(-101, buffer);
-    ZEP_getRcString(-25, nullptr);
-    char expected[96];
-    snprintf(expected, sizeof expected, "API.ZEP_getRcString(rc=-101, rcString=%p)", static_cast<void*>(buffer));
-    EXPECT_TRUE(trace.has(1062, expected));
+    EXPECT_EQ(std::string(text), "ZEP_ERR_BADGWTOK");
+    for (size_t i = strlen(text); i < sizeof buffer; ++i) EXPECT_EQ(i < 40 ? 0 : 0xAA, buffer[i]) << "byte " << i;
+    EXPECT_EQ(nullptr, ZEP_getRcString(-25, nullptr));
+    EXPECT_TRUE(trace.has(1062, "API.ZEP_getRcString(rc=-101, rcString=" + pointerText(buffer) + ")"));
     EXPECT_TRUE(trace.has(1063, "API.ZEP_getRcString() rcString=ZEP_ERR_BADGWTOK"));
-    snprintf(expected, sizeof expected, "API.ZEP_getRcString(rc=-25, rcString=%p)", nullptr);
-    EXPECT_TRUE(trace.has(1062, expected));
+    EXPECT_TRUE(trace.has(1062, "API.ZEP_getRcString(rc=-25, rcString=" + pointerText(nullptr) + ")"));
     EXPECT_TRUE(trace.has(1063, "API.ZEP_getRcString() rcString=NULL"));
 }

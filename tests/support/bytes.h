@@ -5,6 +5,7 @@
 #ifndef ZEP_TEST_BYTES_H
 #define ZEP_TEST_BYTES_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <initializer_list>
@@ -14,39 +15,14 @@
 using Bytes = std::vector<uint8_t>;
 
 struct Wire {
-    Wire& i32(int32_t v)
-    {
-        for (int shift = 24; shift >= 0; shift -= 8) b.push_back(static_cast<uint8_t>(static_cast<uint32_t>(v) >> shift));
-        return *this;
-    }
-    Wire& i16(int32_t v) { return u8(static_cast<uint32_t>(v) >> 8).u8(v); }
-    Wire& u8(uint32_t v)
-    {
-        b.push_back(static_cast<uint8_t>(v));
-        return *this;
-    }
-    Wire& text(const std::string& s)
-    {
-        b.insert(b.end(), s.begin(), s.end());
-        return *this;
-    }
+    Wire& i32(int32_t v) { return u8(static_cast<uint32_t>(v) >> 24).u8(static_cast<uint32_t>(v) >> 16).i16(v); }
+    Wire& i16(int32_t v) { return u8(static_cast<uint32_t>(v) >> 8).u8(static_cast<uint32_t>(v)); }
+    Wire& u8(uint32_t v) { return raw({static_cast<uint8_t>(v)}); }
+    Wire& text(const std::string& s) { return raw(Bytes(s.begin(), s.end())); }
     // s cut or padded with 00 to width bytes.
-    Wire& field(const std::string& s, size_t width)
-    {
-        std::string f = s.substr(0, width);
-        f.resize(width, '\0');
-        return text(f);
-    }
-    Wire& raw(const Bytes& more)
-    {
-        b.insert(b.end(), more.begin(), more.end());
-        return *this;
-    }
-    Wire& fill(size_t n, uint8_t v)
-    {
-        b.insert(b.end(), n, v);
-        return *this;
-    }
+    Wire& field(const std::string& s, size_t width) { return text(s.substr(0, width)).fill(width - std::min(s.size(), width), 0); }
+    Wire& raw(const Bytes& more) { b.insert(b.end(), more.begin(), more.end()); return *this; }
+    Wire& fill(size_t n, uint8_t v) { return raw(Bytes(n, v)); }
     // Hex digits, blanks ignored: hex("4761 7465").
     Wire& hex(const std::string& digits)
     {
@@ -54,13 +30,8 @@ struct Wire {
         for (char c : digits) {
             const int v = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10
                         : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-            if (v < 0) continue;
-            if (high < 0) {
-                high = v;
-            } else {
-                b.push_back(static_cast<uint8_t>(high * 16 + v));
-                high = -1;
-            }
+            if (v >= 0 && high < 0) high = v;
+            else if (v >= 0) u8(static_cast<uint32_t>(high * 16 + v)), high = -1;
         }
         return *this;
     }
@@ -68,8 +39,7 @@ struct Wire {
     // before it in clear.
     Wire& scrambled(const std::string& clear)
     {
-        for (size_t i = 0; i < clear.size(); i++)
-            u8(i == 0 ? ~static_cast<uint8_t>(clear[0]) : clear[i] ^ clear[i - 1]);
+        for (size_t i = 0; i < clear.size(); i++) u8(i == 0 ? ~static_cast<uint8_t>(clear[0]) : clear[i] ^ clear[i - 1]);
         return *this;
     }
     // A message header: eyecatcher, version, flow type, message id, return code, request type, payload length.
@@ -84,9 +54,9 @@ struct Wire {
 
 inline Bytes cat(std::initializer_list<Bytes> parts)
 {
-    Bytes out;
-    for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
+    Wire out;
+    for (const Bytes& p : parts) out.raw(p);
+    return out.b;
 }
 
 inline Bytes hexBytes(const std::string& digits) { return Wire().hex(digits).b; }
@@ -95,10 +65,7 @@ inline std::string toHex(const Bytes& bytes)
 {
     std::string out;
     char two[4];
-    for (uint8_t byte : bytes) {
-        snprintf(two, sizeof two, "%02X", byte);
-        out += two;
-    }
+    for (uint8_t byte : bytes) snprintf(two, sizeof two, "%02X", byte), out += two;
     return out;
 }
 

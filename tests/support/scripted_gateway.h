@@ -27,8 +27,7 @@ public:
     {
         signal(SIGPIPE, SIG_IGN);
         listener_ = socket(AF_INET, SOCK_STREAM, 0);
-        struct sockaddr_in address;
-        memset(&address, 0, sizeof address);
+        struct sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         bind(listener_, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
@@ -84,10 +83,7 @@ public:
         return Wire().header(flowType, messageId, type, payload, rc).str();
     }
 
-    void send(const std::string& bytes)
-    {
-        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::send(peer_, bytes.data(), bytes.size(), 0));
-    }
+    void send(const std::string& bytes) { ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::send(peer_, bytes.data(), bytes.size(), 0)); }
 
     // The Gateway goes away without a close flow.
     void hangUp()
@@ -112,9 +108,7 @@ private:
         return true;
     }
 
-    int listener_ = -1;
-    int peer_ = -1;
-    int port_ = 0;
+    int listener_ = -1, peer_ = -1, port_ = 0;
 };
 
 #endif

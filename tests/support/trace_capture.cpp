@@ -1,9 +1,11 @@
 #include "trace_capture.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <iterator>
+#include <cctype>
 
 #include <fcntl.h>
 #include <ftw.h>
@@ -25,12 +27,20 @@ std::string makeTempDir() {
     return buffer.data();
 }
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
-    return remove(path);
+void removeTree(const std::string& dir) {
+    nftw(dir.c_str(), [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 8,
+         FTW_DEPTH | FTW_PHYS);
 }
 
-void removeTree(const std::string& dir) {
-    nftw(dir.c_str(), removeEntry, 8, FTW_DEPTH | FTW_PHYS);
+// True if `text` holds, from `at`, the characters of `pattern`: 'd' a decimal digit, 'X' an upper-case hex
+// digit, anything else itself.
+bool matchesShape(const std::string& text, size_t at, const char* pattern) {
+    for (size_t i = 0; pattern[i] != '\0'; ++i) {
+        const unsigned char c = at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0;
+        if (pattern[i] == 'd' ? !isdigit(c) : pattern[i] == 'X' ? !(isdigit(c) || (c >= 'A' && c <= 'F')) : c != pattern[i])
+            return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -48,44 +58,22 @@ TraceCapture::~TraceCapture() {
 
 std::string TraceCapture::readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 std::string TraceCapture::text() const { return readFile(path_); }
 
 std::vector<std::string> TraceCapture::splitLines(const std::string& text) {
     std::vector<std::string> result;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
+    for (size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = std::min(text.find('\n', start), text.size());
         result.push_back(text.substr(start, end - start));
-        start = end + 1;
     }
     return result;
 }
 
 std::vector<std::string> TraceCapture::lines() const { return splitLines(text()); }
 
-namespace {
-
-// True if `text` holds, from `at`, the characters of `pattern`: 'd' a decimal digit, 'X' an upper-case hex
-// digit, anything else itself.
-bool matchesShape(const std::string& text, size_t at, const char* pattern) {
-    for (size_t i = 0; pattern[i] != '\0'; ++i) {
-        if (at + i >= text.size()) return false;
-        char c = text[at + i];
-        bool ok = pattern[i] == 'd'   ? (c >= '0' && c <= '9')
-                  : pattern[i] == 'X' ? ((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))
-                                      : c == pattern[i];
-        if (!ok) return false;
-    }
-    return true;
-}
-
-}  // namespace
 
 // "dd/mm/yy hh:mm:ss:mmm [0xPPPPPPPP,0xTTTTTTTT] [iiii] TYPE__ message"; the id has at least four digits.
 bool TraceCapture::parseRecord(const std::string& line, TraceRecord* record) {
@@ -98,9 +86,7 @@ bool TraceCapture::parseRecord(const std::string& line, TraceRecord* record) {
     record->pid = static_cast<uint32_t>(std::stoul(line.substr(25, 8), nullptr, 16));
     record->tid = static_cast<uint32_t>(std::stoul(line.substr(36, 8), nullptr, 16));
     record->id = std::stoi(line.substr(47, idEnd - 47));
-    std::string type = line.substr(idEnd + 2, 6);
-    type.erase(type.find_last_not_of(' ') + 1);
-    record->type = type;
+    record->type = line.substr(idEnd + 2, line.find_first_of(' ', idEnd + 2) - idEnd - 2);
     record->message = line.substr(idEnd + 2 + 7);
     return true;
 }
@@ -108,12 +94,9 @@ bool TraceCapture::parseRecord(const std::string& line, TraceRecord* record) {
 std::vector<TraceRecord> TraceCapture::parse(const std::string& text) {
     std::vector<TraceRecord> result;
     std::vector<std::string> all = splitLines(text);
-    for (size_t i = 0; i < all.size(); ++i) {
-        TraceRecord record;
-        if (!parseRecord(all[i], &record)) continue;
-        record.line = i;
-        result.push_back(record);
-    }
+    TraceRecord record;
+    for (size_t i = 0; i < all.size(); ++i)
+        if (parseRecord(all[i], &record)) record.line = i, result.push_back(record);
     return result;
 }
 
@@ -127,9 +110,8 @@ std::vector<TraceRecord> TraceCapture::find(int id) const {
 }
 
 bool TraceCapture::has(int id, const std::string& message) const {
-    for (const TraceRecord& record : find(id))
-        if (record.message == message) return true;
-    return false;
+    const std::vector<TraceRecord> found = find(id);
+    return std::any_of(found.begin(), found.end(), [&](const TraceRecord& r) { return r.message == message; });
 }
 
 std::vector<std::string> TraceCapture::linesAfter(const TraceRecord& record) const {

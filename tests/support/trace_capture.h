@@ -1,10 +1,5 @@
-// Captures the library's trace in a file of its own and reads it back as records.
-//
-//   TraceCapture trace(4);                  // trace file in a fresh directory, level 4
-//   ZEP_getDLLVersion(nullptr);
-//   EXPECT_TRUE(trace.has(1033, "API.ZEP_getDLLVersion() Supplied pointer is NULL, dllVersPtr=(nil)"));
-//
-// The destructor sets the level to 0, switches the trace back to standard error and removes the directory.
+// Captures the library's trace in a file of its own (in a fresh directory) and reads it back as records. The
+// destructor sets the level to 0, switches the trace back to standard error and removes the directory.
 #ifndef ZEP_TRACE_CAPTURE_H
 #define ZEP_TRACE_CAPTURE_H
 
@@ -16,8 +11,7 @@
 // One record line: "dd/mm/yy hh:mm:ss:mmm [0xPPPPPPPP,0xTTTTTTTT] [iiii] TYPE__ message".
 struct TraceRecord {
     std::string timestamp;   // "dd/mm/yy hh:mm:ss:mmm"
-    uint32_t pid = 0;
-    uint32_t tid = 0;
+    uint32_t pid = 0, tid = 0;
     int id = 0;
     std::string type;        // "*EXC*", "EVENT", "ENTRY", "EXIT", "DEBUG", "DATA" (padding removed)
     std::string message;     // everything after the prefix, without the final newline
@@ -55,10 +49,8 @@ public:
     static std::string readFile(const std::string& path);
 
 private:
-    std::string dir_;
-    std::string path_;
-    int fileRc_ = 0;
-    int levelRc_ = 0;
+    std::string dir_, path_;
+    int fileRc_ = 0, levelRc_ = 0;
 };
 
 // Sends file descriptor 2 to a file of its own until destroyed, so that what the library writes to standard
@@ -77,8 +69,7 @@ public:
     const std::string& dir() const { return dir_; }
 
 private:
-    std::string dir_;
-    std::string path_;
+    std::string dir_, path_;
     int savedFd_ = -1;
 };
 
