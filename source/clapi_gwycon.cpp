@@ -478,7 +478,11 @@ static void noteCloseFlow(Receiver* r)
 static int receiveOne(Receiver* r, int waitLimit)
 {
     TRACE_DEBUG(3032, "clapi_gwycon.receiverThread() Waiting for a reply\n");
-    int rc = waitForResponse(&r->sb, waitLimit);
+    /* Traced reads show each message's reads as they happen. Untraced, one recv takes whatever has arrived and
+       the messages in it are decoded without waiting again; the handshake reply keeps its time limit. */
+    r->sb.readAhead = waitLimit == 0 && TRACE_LEVEL() < 3;
+    int rc = 0;
+    if (r->sb.readAhead == 0 && r->sb.bytesAhead == 0) rc = waitForResponse(&r->sb, waitLimit);
     if (rc == 0) rc = clapiReadHeader(&r->sb, &r->header);
     if (rc != 0) return rc;
     if (r->header.messageId == MSGID_CLOSE) {
