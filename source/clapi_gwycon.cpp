@@ -276,9 +276,11 @@ static void deliverSlotLocked(GatewayToken* tok, RequestSlot* slot, int32_t code
         else
             tok->asyncReplyHead = slot;
         tok->asyncReplyTail = slot;
-        clapiClearEvent(&tok->asyncReplyEvent);
+        /* The token's events are deleted only once this thread has ended. */
+        clapiClearEventOutsideMutex(&tok->asyncReplyEvent);
     }
-    clapiClearEvent(&slot->event);
+    /* The slot and its event are freed only under the table lock, which is held here. */
+    clapiClearEventOutsideMutex(&slot->event);
 }
 
 // Runs on the receiver thread. A free slot has no event to signal and no requester; it is left alone.
