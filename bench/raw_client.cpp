@@ -3,10 +3,12 @@
 // library or with zepgw. It shows the most one connection to a Gateway can carry.
 //
 //     raw_client --port N [--host H] [--workload sync|pipeline] [--size B]
-//                [--depth K] [--seconds S]
+//                [--depth K] [--writes each|one] [--seconds S]
 //
 // sync: one request on the wire at a time; the line has p50/p99 latencies.
-// pipeline: K requests go out in one write, then the K replies are read.
+// pipeline: K requests go out back to back, each in its own write as a client
+// making individual calls must send them (--writes one: all K in one write),
+// then the K replies are read.
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
@@ -40,6 +42,7 @@ struct Settings {
     std::string workload = "sync";
     long size = 64;
     long depth = 1000;
+    bool oneWrite = false;
     double seconds = 1.0;
 };
 
@@ -241,15 +244,16 @@ void runSync(Wire& wire, const Settings& s)
 
 void runPipeline(Wire& wire, const Settings& s)
 {
-    Bytes batch;
+    std::vector<Bytes> writes(s.oneWrite ? 1 : size_t(s.depth));
     for (int32_t id = 1; id <= s.depth; ++id)
-        appendEchoRequest(batch, id, size_t(s.size));
+        appendEchoRequest(writes[s.oneWrite ? 0 : size_t(id - 1)], id, size_t(s.size));
     long calls = 0;
     const auto start = bench::Clock::now();
     const auto deadline = start + std::chrono::duration_cast<bench::Clock::duration>(
                                       std::chrono::duration<double>(s.seconds));
     while (bench::Clock::now() < deadline) {
-        wire.send(batch);
+        for (const Bytes& message : writes)
+            wire.send(message);
         for (int32_t id = 1; id <= s.depth; ++id)
             expectEchoReply(wire.receive(kFlowReply, id));
         calls += s.depth;
@@ -277,6 +281,12 @@ Settings parse(int argc, char** argv, bool& run)
          [&](std::string_view v) { s.size = bench::parseLong("--size", v, 0, 32767); }},
         {"--depth", "K", "requests per pipeline batch, 1 to 10000 (default 1000)",
          [&](std::string_view v) { s.depth = bench::parseLong("--depth", v, 1, 10000); }},
+        {"--writes", "W", "pipeline requests each in its own write (each, default) or all in one (one)",
+         [&](std::string_view v) {
+             if (v != "each" && v != "one")
+                 throw bench::UsageError("--writes wants each or one, not '" + std::string(v) + "'");
+             s.oneWrite = v == "one";
+         }},
         {"--seconds", "S", "how long to run (default 1)",
          [&](std::string_view v) { s.seconds = bench::parseSeconds("--seconds", v); }},
     };

@@ -639,8 +639,9 @@ static int releaseReply(GatewayToken* gwTok, const EciParms* parms, RequestSlot*
     /*
      * Every other waiter wakes and looks again: one may wait for exactly this reply and must learn that it is
      * gone, or the token may be closing with nothing left outstanding. Waiters arm the event before they sleep.
+     * This call is registered, so the token and its events outlive it.
      */
-    if (clapiClearEvent(&gwTok->asyncReplyEvent) != 0) {
+    if (clapiClearEventOutsideMutex(&gwTok->asyncReplyEvent) != 0) {
         TRACE_EXC(1546, "clapi_eci.getAsyncReply() Failed to set asyncReplyEvent\n");
         if (rc == 0) rc = ECI_ERR_SYSTEM_ERROR;
     }

@@ -276,9 +276,11 @@ static void deliverSlotLocked(GatewayToken* tok, RequestSlot* slot, int32_t code
         else
             tok->asyncReplyHead = slot;
         tok->asyncReplyTail = slot;
-        clapiClearEvent(&tok->asyncReplyEvent);
+        /* The token's events are deleted only once this thread has ended. */
+        clapiClearEventOutsideMutex(&tok->asyncReplyEvent);
     }
-    clapiClearEvent(&slot->event);
+    /* The slot and its event are freed only under the table lock, which is held here. */
+    clapiClearEventOutsideMutex(&slot->event);
 }
 
 // Runs on the receiver thread. A free slot has no event to signal and no requester; it is left alone.
@@ -478,7 +480,11 @@ static void noteCloseFlow(Receiver* r)
 static int receiveOne(Receiver* r, int waitLimit)
 {
     TRACE_DEBUG(3032, "clapi_gwycon.receiverThread() Waiting for a reply\n");
-    int rc = waitForResponse(&r->sb, waitLimit);
+    /* Traced reads show each message's reads as they happen. Untraced, one recv takes whatever has arrived and
+       the messages in it are decoded without waiting again; the handshake reply keeps its time limit. */
+    r->sb.readAhead = waitLimit == 0 && TRACE_LEVEL() < 3;
+    int rc = 0;
+    if (r->sb.readAhead == 0 && r->sb.bytesAhead == 0) rc = waitForResponse(&r->sb, waitLimit);
     if (rc == 0) rc = clapiReadHeader(&r->sb, &r->header);
     if (rc != 0) return rc;
     if (r->header.messageId == MSGID_CLOSE) {

@@ -115,6 +115,9 @@ typedef struct SocketBuffer {
     uint32_t  bytesInBuffer;
     uint32_t  bytesRemaining;
     MaskArea* maskList;
+    /* Reading ahead: bytes received past the end of the current message, right behind its unread bytes. */
+    uint32_t  bytesAhead;
+    uint32_t  readAhead;   /* non-zero: a fill takes whatever the socket has, up to the free space */
 } SocketBuffer;
 
 /* ---- Messages (clapi_socketcomms). ---- */

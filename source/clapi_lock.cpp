@@ -95,19 +95,31 @@ int clapiSetEvent(ClapiEvent* eventPtr)
     return 0;
 }
 
-int clapiClearEvent(ClapiEvent* eventPtr)
+/* Signals the event; `wakeInside`: broadcast before the event's mutex is released rather than after. */
+static int signalEvent(ClapiEvent* eventPtr, bool wakeInside)
 {
     TRACE_DEBUG(3122, "clapi_lock.clapiClearEvent() Clearing event, eventPtr=%p\n", (void*)eventPtr);
     pthread_mutex_lock(&eventPtr->mutex);
     eventPtr->counter++;
     eventPtr->flag = 1;
-    int rc = pthread_cond_broadcast(&eventPtr->cond);
+    int rc = wakeInside ? pthread_cond_broadcast(&eventPtr->cond) : 0;
     pthread_mutex_unlock(&eventPtr->mutex);
+    if (!wakeInside) rc = pthread_cond_broadcast(&eventPtr->cond);
     if (rc == -1) {
         TRACE_EXC(3133, "clapi_lock.clapiClearEvent() pthread_cond_broadcast failed, rc=%d\n", errno);
         return -1;
     }
     return 0;
+}
+
+int clapiClearEvent(ClapiEvent* eventPtr)
+{
+    return signalEvent(eventPtr, true);
+}
+
+int clapiClearEventOutsideMutex(ClapiEvent* eventPtr)
+{
+    return signalEvent(eventPtr, false);
 }
 
 int clapiWaitEvent(ClapiEvent* eventPtr)

@@ -18,6 +18,12 @@ uint32_t clapiIsLockInitialized(ClapiLock* lockPtr);
 int clapiCreateEvent(ClapiEvent* eventPtr);
 int clapiSetEvent(ClapiEvent* eventPtr);
 int clapiClearEvent(ClapiEvent* eventPtr);
+/*
+ * Signals as clapiClearEvent does, but wakes the waiters after releasing the event's mutex, so that a woken
+ * waiter does not at once block on that mutex again. Only for an event that nobody can delete before this
+ * returns, the caller's lock or thread guaranteeing it.
+ */
+int clapiClearEventOutsideMutex(ClapiEvent* eventPtr);
 int clapiWaitEvent(ClapiEvent* eventPtr);
 int clapiTimedWaitEvent(ClapiEvent* eventPtr, int timeout, int* expired);
 int clapiDeleteEvent(ClapiEvent* eventPtr);

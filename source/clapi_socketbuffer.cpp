@@ -31,23 +31,39 @@ static int socketError(ssize_t result)
     return errno;
 }
 
+/* Moves the bytes read ahead to the start of the block; their count. */
+static uint32_t keepAhead(SocketBuffer* sb)
+{
+    uint32_t ahead = sb->bytesAhead;
+    if (ahead == 0) return 0;
+    uint8_t* at = sb->cursor + sb->bytesInBuffer;
+    if (at != sb->buffer) memmove(sb->buffer, at, ahead);
+    return ahead;
+}
+
+/* Bytes read ahead belong to the next messages: a new message keeps them, in a new block too. */
 static int initBuffer(SocketBuffer* sb, int socketDesc, uint32_t dataLen, int excId, int debugId)
 {
     uint32_t wanted = dataLen < SOCKET_BUFFER_MAX ? dataLen : SOCKET_BUFFER_MAX;
+    uint32_t ahead = keepAhead(sb);
+    uint32_t readAhead = sb->readAhead;
     uint8_t* block = sb->buffer;
     uint32_t size = sb->bufferSize;
     if (block == NULL || size < wanted) {
+        uint8_t* fresh = (uint8_t*)malloc(wanted > 0 ? wanted : 1);
+        if (fresh != NULL && ahead > 0) memcpy(fresh, block, ahead);
         if (block != NULL) {
             clapiZeroFree(block, size);
             /* The old block is gone: a later freeBuffer must not release it a second time. */
             sb->buffer = NULL;
             sb->bufferSize = 0;
+            sb->bytesAhead = 0;
         }
-        block = (uint8_t*)malloc(wanted > 0 ? wanted : 1);
-        if (block == NULL) {
+        if (fresh == NULL) {
             TRACE_EXC(excId, "Failed to allocate %lu bytes for buffer\n", ul(wanted));
             return ZEP_ERR_MALLOCFAIL;
         }
+        block = fresh;
         size = wanted;
         TRACE_DEBUG(debugId, "Allocated new buffer of %lu bytes\n", ul(size));
     } else {
@@ -59,6 +75,9 @@ static int initBuffer(SocketBuffer* sb, int socketDesc, uint32_t dataLen, int ex
     sb->buffer = block;
     sb->bufferSize = size;
     sb->bytesRemaining = dataLen;
+    sb->readAhead = readAhead;
+    sb->bytesAhead = ahead;
+    if (ahead > 0) sb->cursor = block;
     return 0;
 }
 
@@ -81,14 +100,17 @@ int initWriteBuffer(SocketBuffer* sb, int socketDesc, uint32_t dataLen)
     return rc;
 }
 
-/* Moves up to `amount` bytes between `data` and the socket; stops at the first failure, which it makes sticky. */
-static uint32_t transfer(SocketBuffer* sb, uint8_t* data, uint32_t amount, bool sending, int excId)
+/*
+ * Moves at least `least` and at most `most` bytes between `data` and the socket; stops at the first failure,
+ * which it makes sticky.
+ */
+static uint32_t transfer(SocketBuffer* sb, uint8_t* data, uint32_t least, uint32_t most, bool sending, int excId)
 {
     uint32_t moved = 0;
-    while (moved < amount) {
+    while (moved < least) {
         errno = 0;
-        ssize_t n = sending ? send(sb->socketDesc, data + moved, amount - moved, 0)
-                            : recv(sb->socketDesc, data + moved, amount - moved, 0);
+        ssize_t n = sending ? send(sb->socketDesc, data + moved, most - moved, 0)
+                            : recv(sb->socketDesc, data + moved, most - moved, 0);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             sb->errorCode = socketError(n);
@@ -106,6 +128,26 @@ static uint32_t transfer(SocketBuffer* sb, uint8_t* data, uint32_t amount, bool 
     return moved;
 }
 
+/*
+ * Brings `amount` bytes of the current message behind its unread ones: first those read ahead, then from the
+ * socket. Reading ahead, one recv takes whatever has arrived up to the free space, and what lies past the
+ * message stays ahead; otherwise no byte past the message is read.
+ */
+static uint32_t receiveMessageBytes(SocketBuffer* sb, uint32_t amount)
+{
+    uint32_t received = sb->bytesAhead < amount ? sb->bytesAhead : amount;
+    sb->bytesAhead -= received;
+    if (received == amount) return received;
+    uint8_t* into = sb->buffer + sb->bytesInBuffer + received;
+    uint32_t most = sb->readAhead != 0 ? sb->bufferSize - sb->bytesInBuffer - received : amount - received;
+    received += transfer(sb, into, amount - received, most, false, 2543);
+    if (received > amount) {
+        sb->bytesAhead = received - amount;
+        received = amount;
+    }
+    return received;
+}
+
 int fillBuffer(SocketBuffer* sb)
 {
     TRACE_ENTRY(2540, "clapi_socketbuffer.fillBuffer(sb=%p)\n", (void*)sb);
@@ -119,14 +161,16 @@ int fillBuffer(SocketBuffer* sb)
         TRACE_EXIT(2549, "clapi_socketbuffer.fillBuffer() rc=%d\n", 0);
         return 0;
     }
-    if (sb->bytesInBuffer > 0 && sb->cursor != sb->buffer) {
-        TRACE_DEBUG(2541, "Moving %lu unread bytes to the start of buffer %p\n", ul(sb->bytesInBuffer),
-                    (void*)sb->buffer);
-        memmove(sb->buffer, sb->cursor, sb->bytesInBuffer);
+    uint32_t unread = sb->bytesInBuffer + sb->bytesAhead;
+    if (unread > 0 && sb->cursor != sb->buffer) {
+        if (sb->bytesInBuffer > 0)
+            TRACE_DEBUG(2541, "Moving %lu unread bytes to the start of buffer %p\n", ul(sb->bytesInBuffer),
+                        (void*)sb->buffer);
+        memmove(sb->buffer, sb->cursor, unread);
         sb->cursor = sb->buffer;
     }
     TRACE_DEBUG(2542, "Reading %lu bytes from socket %d\n", ul(amount), sb->socketDesc);
-    uint32_t received = transfer(sb, sb->buffer + sb->bytesInBuffer, amount, false, 2543);
+    uint32_t received = receiveMessageBytes(sb, amount);
     int rc = sb->errorCode != 0 ? ZEP_ERR_LOSTGWCON : 0;
     if (received > 0) {
         TRACE_DATA(2544, sb->buffer, received, "data=%p len=%lu stopword=%8.8X\n", (void*)sb->buffer,
@@ -196,13 +240,23 @@ static void takeFromBuffer(SocketBuffer* sb, uint8_t* destination, uint32_t data
     sb->bytesInBuffer -= dataLen;
 }
 
-/* Data larger than the buffer go from the socket straight into the caller's area. */
+/* Data larger than the buffer go straight into the caller's area: those read ahead first, then the socket's. */
 static void readDirect(SocketBuffer* sb, uint8_t* destination, uint32_t need)
 {
+    uint32_t early = sb->bytesAhead < sb->bytesRemaining ? sb->bytesAhead : sb->bytesRemaining;
+    if (early > need) early = need;
+    if (early > 0) {
+        memcpy(destination, sb->cursor + sb->bytesInBuffer, early);
+        sb->cursor += early;
+        sb->bytesAhead -= early;
+        sb->bytesRemaining -= early;
+        destination += early;
+        need -= early;
+    }
     uint32_t allowed = need <= sb->bytesRemaining ? need : sb->bytesRemaining;
     TRACE_DEBUG(2533, "Reading %lu bytes from socket %d straight into %p\n", ul(allowed), sb->socketDesc,
                 (void*)destination);
-    uint32_t received = transfer(sb, destination, allowed, false, 2531);
+    uint32_t received = transfer(sb, destination, allowed, allowed, false, 2531);
     if (received > 0) {
         TRACE_DATA(2532, destination, received, "data=%p len=%lu stopword=%8.8X\n", (void*)destination,
                    ul(received), 0u);
@@ -247,7 +301,7 @@ void skipBytes(SocketBuffer* sb, uint32_t dataLen)
 
 static int sendAll(SocketBuffer* sb, const uint8_t* data, uint32_t dataLen, int excId)
 {
-    transfer(sb, (uint8_t*)data, dataLen, true, excId);
+    transfer(sb, (uint8_t*)data, dataLen, dataLen, true, excId);
     return sb->errorCode != 0 ? ZEP_ERR_LOSTGWCON : 0;
 }
 
