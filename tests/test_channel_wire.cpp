@@ -1,4 +1,6 @@
 /* Channels on the wire: the section a request carries and the changes a reply applies. */
+#include <memory>
+
 #include "library_support.h"
 
 namespace {
@@ -79,16 +81,8 @@ TEST(ChannelWrite, SectionCarriesEveryContainerWithChangeMarkOne)
 TEST(ChannelRead, EachRecordChangesTheChannelOrIsRefused)
 {
     const struct {
-        const char* name;
-        int mark;
-        uint32_t length;
-        const char* data;
-        const char* browseTo;   /* NULL: not browsed */
-        int rc;
-        const char* contents;
-        const char* next;       /* the next browsed name, or NULL */
-        int traceId;
-        const char* trace;
+        const char *name; int mark; uint32_t length; const char *data, *browseTo;   /* browseTo NULL: not browsed */
+        int rc; const char *contents, *next; int traceId; const char* trace;       /* next: the next browsed name */
     } cases[] = {
         {"B", 1, 3, "new", NULL, 0, "RENAMED/500: E=e(37) B=new(37) C=cc B=bbbbbb A=aaaa", NULL, 3219, "EVENT Container \"B\" ADDED in VANT, type=ECI_CHAR, CCSID=37, data length=3"},
         {"B", 3, 6, "BBBBBB", NULL, 0, "RENAMED/500: E=e(37) C=cc B=BBBBBB(37) A=aaaa", NULL, 3221, "EVENT Container \"B\" MODIFIED in VANT, new length=6"},
@@ -140,14 +134,11 @@ TEST(ChannelRead, ModifiedDataCutShortWipeTheOldDataBeforeFreeingThem)
     record(reply, "A", 3, ECI_BIT, 0, 200, "short");
     EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, applyReply(reply.b, channel));
     EXPECT_EQ(nullptr, channel->firstCont->dataPtr);
-    uint8_t* again = (uint8_t*)malloc(secret.size());
-    ASSERT_NE(nullptr, again);
-    bool sameBlock = again == oldBlock;
-    Bytes left(again + 16, again + secret.size());   /* the allocator keeps its links in the first bytes */
-    free(again);
+    std::unique_ptr<uint8_t, decltype(&free)> again((uint8_t*)malloc(secret.size()), free);
     EXPECT_EQ(0, ECI_deleteChannel(&channel));
-    if (!sameBlock) GTEST_SKIP() << "the allocator did not hand the freed block back";
-    EXPECT_EQ(toHex(Bytes(secret.size() - 16, 0)), toHex(left));
+    if (again.get() != oldBlock) GTEST_SKIP() << "the allocator did not hand the freed block back";
+    /* the allocator keeps its links in the first bytes */
+    EXPECT_EQ(toHex(Bytes(secret.size() - 16, 0)), toHex(Bytes(again.get() + 16, again.get() + secret.size())));
 }
 
 /* The reply's channel lands in the request's channel; without one it is read and dropped, the stream in step. */

@@ -11,10 +11,7 @@ using Channels = ChannelTest;
 
 /* What a table's calls work on; `bogus` is a block the size of a channel whose lock was never initialised. */
 struct Args {
-    Channel* chan;
-    Channel* other;
-    Channel* bogus;
-    Channel* none;
+    Channel *chan, *other, *bogus, *none;
     ContainerInfo info;
     char buffer[18];
     unsigned long count;
@@ -62,13 +59,7 @@ TEST_F(Channels, EveryCallInOrder)
                                  : "Failed to allocate " + std::to_string(HUGE_LENGTH) + " bytes for container data";
     const int hugeRc = WIDE ? ECI_ERR_INVALID_DATA_LENGTH : ECI_ERR_MEMORY_SHORTAGE;
     const char* hugeName = WIDE ? "ECI_ERR_INVALID_DATA_LENGTH" : "ECI_ERR_MEMORY_SHORTAGE";
-    const struct {
-        int (*call)(Args& a);
-        int rc;
-        const char* rcName;
-        std::string record;
-        const char* state;
-    } cases[] = {
+    const struct { int (*call)(Args& a); int rc; const char* rcName; std::string record; const char* state; } cases[] = {
         {CALL(ECI_getFirstContainer(a.chan, &a.info)), RC(ECI_ERR_ENDOFCONTAINERS), "DEBUG API.ECI_getFirstContainer() Channel \"CHAN\" has no containers", "-1:"},
         {CALL(ECI_getNextContainer(a.chan, &a.info)), RC(ECI_ERR_ENDOFCONTAINERS), "DEBUG API.ECI_getNextContainer() Channel \"CHAN\" has no containers", "-1:"},
         {CALL(ECI_createContainer(a.chan, "TEXT", ECI_CHAR, 0, "12345", 5)), RC(ECI_NO_ERROR), "EVENT API.ECI_createContainer() Channel CCSID set to 5050 from locale", "5050: TEXT(2,5050)=12345"},
@@ -266,11 +257,7 @@ TEST_F(Channels, ReadsHonourOffsetAndLength)
    writes "Finished waiting" only once it owns the channel: after arming the event, never before. */
 TEST_F(Channels, CallsWaitWhileAnotherThreadHoldsTheChannel)
 {
-    const struct {
-        int (*call)(Args& a);
-        std::string (*effect)(Args& a);
-        std::string expected;
-    } cases[] = {
+    const struct { int (*call)(Args& a); std::string (*effect)(Args& a); std::string expected; } cases[] = {
         {CALL(ECI_createContainer(a.chan, "NEW", ECI_BIT, 0, "new", 3)), SEEN(dataOf(a.chan, "NEW")), "new"},
         {CALL(ECI_deleteContainer(a.chan, "DATA")), SEEN(dataOf(a.chan, "DATA")), "rc=-58"},
         {CALL(ECI_getContainerData(a.chan, "DATA", a.buffer, 4, 2, &a.count)), SEEN(std::string(a.buffer, a.count)), "2345"},

@@ -12,11 +12,7 @@ using std::chrono::seconds;
 
 TEST(EsiWire, RequestsCarryTheirGoldenBytesAndTheDumpHidesThePasswords)
 {
-    const struct {
-        int kind;
-        const char *userid, *password, *newPassword, *server;
-        Bytes payload;
-    } cases[] = {
+    const struct { int kind; const char *userid, *password, *newPassword, *server; Bytes payload; } cases[] = {
         {ESI_KIND_VERIFY, "USER1", "PASSWD7", "IGNORED", "SRV1",
          Wire().i32(0).field("USER1", 10).i32(7).scrambled("PASSWD7").field("SRV1", 8).b},
         {ESI_KIND_CHANGE, "A_LONG_USER_ID", "OLD", "NEWPASS", "",
@@ -104,12 +100,8 @@ TEST(EsiCalls, AnswersOfZepgwAndTextsRefusedBeforeSending)
     ASSERT_TRUE(conn.ok());
     char stranger[64] = {};   // not a token the library handed out
     GatewayToken* const tokens[] = {conn.token(), nullptr, reinterpret_cast<GatewayToken*>(stranger)};
-    const struct {
-        int token;   // index into tokens
-        const char *userid, *password, *newPassword, *server;   // newPassword nullptr: verify
-        int rc, id;
-        const char* message;   // up to the caller's pointer
-    } cases[] = {
+    // token indexes tokens; newPassword nullptr: verify; message: up to the caller's pointer.
+    const struct { int token; const char *userid, *password, *newPassword, *server; int rc, id; const char* message; } cases[] = {
         {0, "", "pw", nullptr, nullptr, ESI_ERR_NULL_USERID, 1802, "API.ZEP_ESI_verifyPassword() NULL user id, userid="},
         {0, "U", nullptr, nullptr, nullptr, ESI_ERR_NULL_PASSWORD, 1803, "API.ZEP_ESI_verifyPassword() NULL password, password="},
         {0, nullptr, "a", "b", nullptr, ESI_ERR_NULL_USERID, 1808, "API.ZEP_ESI_changePassword() NULL user id, userid="},

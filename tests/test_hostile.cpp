@@ -1,5 +1,6 @@
 // Replies a Gateway should never send: nothing lands outside the caller's area, and no cut reply passes for whole.
 #include <climits>
+#include <functional>
 
 #include "library_support.h"
 
@@ -38,15 +39,9 @@ Text channelSection(int32_t count, int32_t dataLength = 0, size_t sent = 0)
     return Text("HOSTILECHANNEL  ", 16) + be32(1208) + be32(count) + (count == 1 ? added : "");
 }
 
-struct SyncCase {
-    const char* what;
-    int32_t commareaLength, dataLength;
-    size_t sent;            // data bytes that really follow
-    Text channel;           // a channel section: the call is a channel call
-    int rc;
-    int dataBytes;          // leading area bytes that must hold the data; -1: not checked
-    size_t zeroBytes;       // area bytes after them that must be zero
-};
+// `sent` data bytes really follow; with a channel section the call is a channel call; the first `dataBytes` of the
+// area (-1: not checked) must hold the data and `zeroBytes` after them must be zero.
+struct SyncCase { const char* what; int32_t commareaLength, dataLength; size_t sent; Text channel; int rc, dataBytes; size_t zeroBytes; };
 
 const SyncCase syncCases[] = {
     {"a reply that fits", 16, NO_DATA_LENGTH, 16, "", 0, 16, 0},
@@ -61,16 +56,13 @@ const SyncCase syncCases[] = {
     {"negative container data length", 0, NO_DATA_LENGTH, 0, channelSection(1, -2), ZEP_ERR_LOSTGWCON, -1, 0},
 };
 
-// One synchronous call answered with the reply `answer` builds for its message id; the call's return code.
-template <typename Answer>
-int syncCall(ScriptedGateway& gw, GatewayToken* tok, EciParms parms, Answer answer)
+// One synchronous call answered with the reply message `answer` builds for its id; the call's return code.
+int syncCall(ScriptedGateway& gw, GatewayToken* tok, EciParms parms, const std::function<Text(int32_t)>& answer)
 {
     auto call = std::async(std::launch::async, [&] {
         return parms.eci_channel ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
     });
-    const int32_t id = gw.nextRequest();
-    EXPECT_NE(0, id);
-    gw.send(answer(id));
+    gw.send(answer(gw.nextRequest()));
     EXPECT_EQ(std::future_status::ready, call.wait_for(std::chrono::seconds(10)));
     return call.get();
 }
@@ -111,13 +103,8 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
 
 TEST(Hostile, AsynchronousRepliesAreKeptWholeUntilAnAreaFits)
 {
-    const struct {
-        const char* what;
-        int32_t replyBytes;
-        int firstArea;   // the area of the first collection, which fails with ECI_ERR_INVALID_DATA_LENGTH
-        int told;        // the length that collection reports
-        int secondArea;  // 0: no second collection
-    } cases[] = {
+    // The first collection, into firstArea, fails and reports `told`; a second one into secondArea (0: none) fits.
+    const struct { const char* what; int32_t replyBytes; int firstArea, told, secondArea; } cases[] = {
         {"a longer reply waits for an area that fits", 40, 16, 40, 40},
         {"the longest COMMAREA is kept whole", 32767, 100, 32767, 32767},
         {"a reply longer than any COMMAREA is refused", 40000, 32767, 32767, 0},
