@@ -247,7 +247,7 @@ TEST_F(Channels, ReadsHonourOffsetAndLength)
     EXPECT_EQ(8, buffer[7]);
     ContainerInfo info;
     EXPECT_EQ(0, ECI_getContainerInfo(chan, "DATA", &info));
-    EXPECT_EQ(950, info.ccsid);
+    EXPECT_EQ(950, copyOf(info.ccsid));
     char name[17];
     EXPECT_EQ(0, ECI_getChannelName(chan, name));
     EXPECT_STREQ("CHAN", name);
