@@ -167,40 +167,6 @@ TEST(EsiCalls, LostConnectionDuringTheWaitGivesLostConnection)
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, nullptr));
 }
 
-// A faulty Gateway's error flows leave the details alone; so does an ESI reply to an ECI request on the slot the
-// last ESI caller used. -27 would be mapped if it came as the reply's ESI code; as an error flow's it is the result.
-TEST(EsiCalls, ErrorFlowsAndMisdirectedRepliesLeaveTheDetailsAlone)
-{
-    ScriptedGateway gateway;
-    GatewayToken* tok = gateway.open();
-    ASSERT_NE(nullptr, tok);
-    std::string esiReply = ScriptedGateway::be32(0);
-    for (int i = 0; i < 22; i++) esiReply += ScriptedGateway::be32(2000 + i);
-    EsiDetails details;
-    const EsiDetails untouched = [] { EsiDetails d; memset(&d, 0xAB, sizeof d); return d; }();
-    const int misdirected = 1;   // an ECI call, answered as if it were an ESI request
-    for (int code : {ZEP_ERR_WORK_WAS_REFUSED, -27, 0, misdirected}) {
-        SCOPED_TRACE(code);
-        details = untouched;
-        auto call = std::async(std::launch::async, [&] {
-            if (code != misdirected) return ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details);
-            char area[8] = "eci";
-            EciParms parms = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
-            return ZEP_ECI_Execute(tok, &parms);
-        });
-        const int32_t id = gateway.nextRequest();
-        ASSERT_EQ(1, id);
-        gateway.send(code == 0 || code == misdirected ? ScriptedGateway::header(FLOW_REPLY, id, "ESI", 92, 0) + esiReply
-                                                      : ScriptedGateway::header(FLOW_ERROR, id, "ESI", 0, code));
-        ASSERT_EQ(std::future_status::ready, call.wait_for(seconds(10)));
-        EXPECT_EQ(code, code != misdirected ? call.get() : misdirected);
-        EXPECT_EQ(code == 0, memcmp(&untouched, &details, sizeof details) != 0);
-        EXPECT_EQ(code == 0 ? 2000 : (int)0xABABABAB, details.esiTime1.year);
-    }
-    gateway.hangUp();
-    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
-}
-
 /* ---- Times ---- */
 
 // The nine members a conversion sets, "unchanged" when it left the result alone, "zeroed" when it cleared it.

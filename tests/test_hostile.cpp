@@ -56,15 +56,18 @@ const SyncCase syncCases[] = {
     {"negative container data length", 0, NO_DATA_LENGTH, 0, channelSection(1, -2), ZEP_ERR_LOSTGWCON, -1, 0},
 };
 
-// One synchronous call answered with the reply message `answer` builds for its id; the call's return code.
-int syncCall(ScriptedGateway& gw, GatewayToken* tok, EciParms parms, const std::function<Text(int32_t)>& answer)
+// `call` on a thread of its own, answered with the message `answer` builds for its request's id; its result.
+int answered(ScriptedGateway& gw, const std::function<int()>& call, const std::function<Text(int32_t)>& answer)
 {
-    auto call = std::async(std::launch::async, [&] {
-        return parms.eci_channel ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
-    });
+    auto result = std::async(std::launch::async, call);
     gw.send(answer(gw.nextRequest()));
-    EXPECT_EQ(std::future_status::ready, call.wait_for(std::chrono::seconds(10)));
-    return call.get();
+    EXPECT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(10)));
+    return result.get();
+}
+
+int execute(GatewayToken* tok, EciParms parms)
+{
+    return parms.eci_channel ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
 }
 
 TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
@@ -82,7 +85,7 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
             parms = eciBlock(ECI_SYNC, "HOSTILE");
             parms.eci_channel = channel;
         }
-        EXPECT_EQ(c.rc, syncCall(gw, tok, parms, [&](int32_t id) {
+        EXPECT_EQ(c.rc, answered(gw, [&] { return execute(tok, parms); }, [&](int32_t id) {
                       return eciReply(id, c.commareaLength, c.dataLength, c.sent, c.channel);
                   }));
         EXPECT_TRUE(guarded.guardsIntact());
@@ -91,7 +94,8 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
             ASSERT_EQ(c.rc == ZEP_ERR_LOSTGWCON ? GUARD_BYTE : 0, guarded.area()[c.dataBytes + i]) << i;
         if (c.rc != ZEP_ERR_LOSTGWCON) {
             // The stream is still in step: the next reply reaches the next call whole.
-            EXPECT_EQ(0, syncCall(gw, tok, eciBlock(ECI_SYNC, "HOSTILE", guarded.area(), 16),
+            parms = eciBlock(ECI_SYNC, "HOSTILE", guarded.area(), 16);
+            EXPECT_EQ(0, answered(gw, [&] { return execute(tok, parms); },
                                   [](int32_t id) { return eciReply(id, 4, NO_DATA_LENGTH, 4); }));
             EXPECT_EQ(0, memcmp("ABCD", guarded.area(), 4));
         }
@@ -140,6 +144,38 @@ TEST(Hostile, AsynchronousRepliesAreKeptWholeUntilAnAreaFits)
         gw.hangUp();
         EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
     }
+}
+
+// Error flows leave an ESI caller's details alone; so does an ESI reply to an ECI call on the slot the last ESI
+// caller used. -27 would be mapped if it came as the reply's ESI code; as an error flow's it is the result.
+TEST(Hostile, ErrorFlowsAndMisdirectedRepliesLeaveTheDetailsAlone)
+{
+    ScriptedGateway gw;
+    GatewayToken* tok = gw.open();
+    ASSERT_NE(nullptr, tok);
+    Text esiReply = be32(0);
+    for (int i = 0; i < 22; i++) esiReply += be32(2000 + i);
+    EsiDetails details;
+    const EsiDetails untouched = [] { EsiDetails d; memset(&d, 0xAB, sizeof d); return d; }();
+    const int misdirected = 1;   // an ECI call, answered as if it were an ESI request
+    for (int code : {ZEP_ERR_WORK_WAS_REFUSED, -27, 0, misdirected}) {
+        SCOPED_TRACE(code);
+        details = untouched;
+        char area[8] = "eci";
+        const int rc = answered(gw, [&] {
+            return code == misdirected ? execute(tok, eciBlock(ECI_SYNC, "ECHO", area, sizeof area))
+                                       : ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details);
+        }, [&](int32_t id) {
+            EXPECT_EQ(1, id);   // the slot the ESI callers used
+            return code == 0 || code == misdirected ? ScriptedGateway::header(FLOW_REPLY, id, "ESI", 92, 0) + esiReply
+                                                    : ScriptedGateway::header(FLOW_ERROR, id, "ESI", 0, code);
+        });
+        EXPECT_EQ(code == misdirected ? rc : code, rc);
+        EXPECT_EQ(code == 0, memcmp(&untouched, &details, sizeof details) != 0);
+        EXPECT_EQ(code == 0 ? 2000 : (int)0xABABABAB, details.esiTime1.year);
+    }
+    gw.hangUp();
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
 }
 
 }  // namespace
