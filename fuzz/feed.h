@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <string>
 #include <thread>
@@ -27,20 +28,20 @@ inline Bytes be32(int32_t v)
     return out;
 }
 
-// A whole message as a Gateway frames it around `payload`.
-inline Bytes message(int32_t flowType, int32_t messageId, const Bytes& type, const Bytes& payload)
-{
-    return be32(FLOW_EYECATCHER) + be32(FLOW_VERSION) + be32(flowType) + be32(messageId) + be32(0) +
-           be32(static_cast<int32_t>(type.size())) + type + Bytes(1, '\0') +
-           be32(static_cast<int32_t>(payload.size())) + payload;
-}
-
 class Feed {
 public:
-    Feed(uint8_t how, Bytes bytes) : bytes_(std::move(bytes))
+    // The input after its first byte and `skip` more is fed as it is, or as the payload of message 1 of
+    // `flowType` and `type` framed as a Gateway frames it.
+    Feed(const uint8_t* data, size_t size, int32_t flowType = 0, const char* type = nullptr, size_t skip = 0)
+        : rest(size > 1 + skip ? Bytes(reinterpret_cast<const char*>(data) + 1 + skip, size - 1 - skip) : "")
     {
+        const Bytes payloadLength = be32(static_cast<int32_t>(rest.size()));
+        bytes_ = type == nullptr ? rest
+                                 : be32(FLOW_EYECATCHER) + be32(FLOW_VERSION) + be32(flowType) + be32(1) + be32(0) +
+                                       be32(static_cast<int32_t>(strlen(type))) + type + Bytes(1, '\0') +
+                                       payloadLength + rest;
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds_) != 0) abort();
-        writer_ = std::thread([this, how] { write(how); });
+        writer_ = std::thread([this, how = size > 0 ? data[0] : 0] { write(how); });
     }
     // The reading end goes first, so that a writer blocked on a reader that stopped early fails and ends.
     ~Feed()
@@ -50,6 +51,7 @@ public:
         close(fds_[1]);
     }
     int fd() const { return fds_[0]; }
+    Bytes rest;
 
 private:
     void write(uint8_t how)
@@ -69,28 +71,17 @@ private:
     std::thread writer_;
 };
 
-// The receiver's read buffer on the feed, positioned at the payload of its first message; false when the
-// header or the payload could not be read.
+// The receiver's read buffer on the feed, positioned at the payload of its first message; aborts when the
+// header or the payload could not be read, as ours are always whole.
 struct Reader {
-    explicit Reader(int fd)
+    explicit Reader(const Feed& feed)
     {
         clapiInit();
-        ok = initReadBuffer(&sb, fd, 33000) == 0 && clapiReadHeader(&sb, &header) == 0;
+        bool ok = initReadBuffer(&sb, feed.fd(), 33000) == 0 && clapiReadHeader(&sb, &header) == 0;
         if (ok) sb.bytesRemaining += static_cast<uint32_t>(header.payloadLength) - sb.bytesInBuffer;
-        ok = ok && fillBuffer(&sb) == 0;
+        if (!ok || fillBuffer(&sb) != 0) abort();
     }
     ~Reader() { freeBuffer(&sb); }
     SocketBuffer sb{};
     FlowHeader header{};
-    bool ok = false;
-};
-
-// The fuzz input as the feeder's choice and the rest.
-struct Input {
-    Input(const uint8_t* data, size_t size)
-        : how(size > 0 ? data[0] : 0), rest(size > 0 ? Bytes(reinterpret_cast<const char*>(data) + 1, size - 1) : "")
-    {
-    }
-    uint8_t how;
-    Bytes rest;
 };

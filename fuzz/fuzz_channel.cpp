@@ -3,10 +3,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Input input(data, size);
-    Feed feed(input.how, message(FLOW_REPLY, 1, "ECI", input.rest));
-    Reader reader(feed.fd());
-    if (!reader.ok) abort();
+    Feed feed(data, size, FLOW_REPLY, "ECI");
+    Reader reader(feed);
     Channel* channel = nullptr;
     if (ECI_createChannel("FUZZCHANNEL", &channel) != 0 ||
         ECI_createContainer(channel, "MODTEXT", ECI_CHAR, -1, "modify me", 9) != 0 ||

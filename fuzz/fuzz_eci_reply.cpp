@@ -2,7 +2,6 @@
 // library buffer that may grow.
 #include "feed.h"
 
-#include <cstring>
 #include <vector>
 
 constexpr size_t GUARD = 64;
@@ -13,10 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 4) return 0;
     const uint32_t areaSize = (data[1] << 8 | data[2]) % 2048;
     const uint8_t options = data[3];   // bit 0: library buffer; bit 1: extend mode 2; bit 2: a channel
-    Input input(data, size);
-    Feed feed(input.how, message(FLOW_REPLY, 1, "ECI", input.rest.substr(3)));
-    Reader reader(feed.fd());
-    if (!reader.ok) abort();
+    Feed feed(data, size, FLOW_REPLY, "ECI", 3);
+    Reader reader(feed);
 
     std::vector<uint8_t> guarded(areaSize + 2 * GUARD, GUARD_BYTE);
     EciRequest request{};

@@ -8,8 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Input input(data, size);
-    Feed feed(input.how, message(FLOW_EXCEPTION, 1, "ECI", input.rest));
+    Feed feed(data, size, FLOW_EXCEPTION, "ECI");
     clapiInit();
     GatewayToken* tok = static_cast<GatewayToken*>(calloc(1, sizeof(GatewayToken)));
     tok->socket = feed.fd();

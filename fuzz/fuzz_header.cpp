@@ -3,8 +3,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Input input(data, size);
-    Feed feed(input.how, input.rest);
+    Feed feed(data, size);
     clapiInit();
     SocketBuffer sb{};
     if (initReadBuffer(&sb, feed.fd(), 33000) != 0) abort();

@@ -1,5 +1,6 @@
 // Replies a Gateway should never send: nothing lands outside the caller's area, and no cut reply passes for whole.
 #include <climits>
+#include <functional>
 
 #include "library_support.h"
 
@@ -7,7 +8,6 @@ namespace {
 
 using Text = std::string;
 constexpr int32_t NO_DATA_LENGTH = INT32_MIN;   // the reply carries no separate data length
-constexpr size_t GUARD = 32;
 constexpr char GUARD_BYTE = static_cast<char>(0xEE);
 
 Text be32(int32_t v) { return ScriptedGateway::be32(v); }
@@ -23,37 +23,25 @@ Text eciReply(int32_t id, int32_t commareaLength, int32_t dataLength, size_t sen
     return ScriptedGateway::header(FLOW_REPLY, id, "ECI", static_cast<int32_t>(out.size()), 0) + out;
 }
 
-// A caller's area of `length` bytes between two guards; every byte starts as GUARD_BYTE.
+// A caller's area of `length` bytes between two guards of 32 bytes; every byte starts as GUARD_BYTE.
 struct GuardedArea {
-    explicit GuardedArea(size_t length) : bytes(length + 2 * GUARD, GUARD_BYTE), length(length) {}
-    char* area() { return &bytes[GUARD]; }
-    bool guardsIntact() const
-    {
-        return bytes.substr(0, GUARD) + bytes.substr(GUARD + length) == Text(2 * GUARD, GUARD_BYTE);
-    }
+    explicit GuardedArea(size_t length) : bytes(length + 64, GUARD_BYTE), length(length) {}
+    char* area() { return &bytes[32]; }
+    bool guardsIntact() const { return bytes.substr(0, 32) + bytes.substr(32 + length) == Text(64, GUARD_BYTE); }
     Text bytes;
     size_t length;
 };
 
-Text channelSection(int32_t count, const Text& records)
+// A channel section of `count` containers, but only the one record that adds "NEWONE" with `sent` bytes of data.
+Text channelSection(int32_t count, int32_t dataLength = 0, size_t sent = 0)
 {
-    return Text("HOSTILECHANNEL  ", 16) + be32(1208) + be32(count) + records;
+    const Text added = Text("NEWONE          ", 16) + Text("\x01\x00\x00\x01", 4) + be32(0) + be32(dataLength) + Text(sent, 'd');
+    return Text("HOSTILECHANNEL  ", 16) + be32(1208) + be32(count) + (count == 1 ? added : "");
 }
 
-Text addedRecord(int32_t dataLength, size_t sent)
-{
-    return Text("NEWONE          ", 16) + Text("\x01\x00\x00\x01", 4) + be32(0) + be32(dataLength) + Text(sent, 'd');
-}
-
-struct SyncCase {
-    const char* what;
-    int32_t commareaLength, dataLength;
-    size_t sent;            // data bytes that really follow
-    Text channel;           // a channel section: the call is a channel call
-    int rc;
-    int dataBytes;          // leading area bytes that must hold the data; -1: not checked
-    size_t zeroBytes;       // area bytes after them that must be zero
-};
+// `sent` data bytes really follow; with a channel section the call is a channel call; the first `dataBytes` of the
+// area (-1: not checked) must hold the data and `zeroBytes` after them must be zero.
+struct SyncCase { const char* what; int32_t commareaLength, dataLength; size_t sent; Text channel; int rc, dataBytes; size_t zeroBytes; };
 
 const SyncCase syncCases[] = {
     {"a reply that fits", 16, NO_DATA_LENGTH, 16, "", 0, 16, 0},
@@ -63,25 +51,23 @@ const SyncCase syncCases[] = {
     {"negative COMMAREA length", -5, NO_DATA_LENGTH, 0, "", ZEP_ERR_LOSTGWCON, 0, 16},
     {"negative data length", 16, -1, 0, "", ZEP_ERR_LOSTGWCON, 0, 16},
     {"data length beyond the message", 16, 1000, 16, "", ZEP_ERR_LOSTGWCON, -1, 0},
-    {"container count beyond the message", 0, NO_DATA_LENGTH, 0, channelSection(1000, ""), ZEP_ERR_LOSTGWCON, -1, 0},
-    {"container data beyond the message", 0, NO_DATA_LENGTH, 0, channelSection(1, addedRecord(5000, 10)),
-     ZEP_ERR_LOSTGWCON, -1, 0},
-    {"negative container data length", 0, NO_DATA_LENGTH, 0, channelSection(1, addedRecord(-2, 0)), ZEP_ERR_LOSTGWCON,
-     -1, 0},
+    {"container count beyond the message", 0, NO_DATA_LENGTH, 0, channelSection(1000), ZEP_ERR_LOSTGWCON, -1, 0},
+    {"container data beyond the message", 0, NO_DATA_LENGTH, 0, channelSection(1, 5000, 10), ZEP_ERR_LOSTGWCON, -1, 0},
+    {"negative container data length", 0, NO_DATA_LENGTH, 0, channelSection(1, -2), ZEP_ERR_LOSTGWCON, -1, 0},
 };
 
-// One synchronous call answered with the reply `answer` builds for its message id; the call's return code.
-template <typename Answer>
-int syncCall(ScriptedGateway& gw, GatewayToken* tok, EciParms parms, Answer answer)
+// `call` on a thread of its own, answered with the message `answer` builds for its request's id; its result.
+int answered(ScriptedGateway& gw, const std::function<int()>& call, const std::function<Text(int32_t)>& answer)
 {
-    auto call = std::async(std::launch::async, [&] {
-        return parms.eci_channel ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
-    });
-    const int32_t id = gw.nextRequest();
-    EXPECT_NE(0, id);
-    gw.send(answer(id));
-    EXPECT_EQ(std::future_status::ready, call.wait_for(std::chrono::seconds(10)));
-    return call.get();
+    auto result = std::async(std::launch::async, call);
+    gw.send(answer(gw.nextRequest()));
+    EXPECT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(10)));
+    return result.get();
+}
+
+int execute(GatewayToken* tok, EciParms parms)
+{
+    return parms.eci_channel ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
 }
 
 TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
@@ -99,7 +85,7 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
             parms = eciBlock(ECI_SYNC, "HOSTILE");
             parms.eci_channel = channel;
         }
-        EXPECT_EQ(c.rc, syncCall(gw, tok, parms, [&](int32_t id) {
+        EXPECT_EQ(c.rc, answered(gw, [&] { return execute(tok, parms); }, [&](int32_t id) {
                       return eciReply(id, c.commareaLength, c.dataLength, c.sent, c.channel);
                   }));
         EXPECT_TRUE(guarded.guardsIntact());
@@ -108,7 +94,8 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
             ASSERT_EQ(c.rc == ZEP_ERR_LOSTGWCON ? GUARD_BYTE : 0, guarded.area()[c.dataBytes + i]) << i;
         if (c.rc != ZEP_ERR_LOSTGWCON) {
             // The stream is still in step: the next reply reaches the next call whole.
-            EXPECT_EQ(0, syncCall(gw, tok, eciBlock(ECI_SYNC, "HOSTILE", guarded.area(), 16),
+            parms = eciBlock(ECI_SYNC, "HOSTILE", guarded.area(), 16);
+            EXPECT_EQ(0, answered(gw, [&] { return execute(tok, parms); },
                                   [](int32_t id) { return eciReply(id, 4, NO_DATA_LENGTH, 4); }));
             EXPECT_EQ(0, memcmp("ABCD", guarded.area(), 4));
         }
@@ -120,13 +107,8 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
 
 TEST(Hostile, AsynchronousRepliesAreKeptWholeUntilAnAreaFits)
 {
-    const struct {
-        const char* what;
-        int32_t replyBytes;
-        int firstArea;   // the area of the first collection, which fails with ECI_ERR_INVALID_DATA_LENGTH
-        int told;        // the length that collection reports
-        int secondArea;  // 0: no second collection
-    } cases[] = {
+    // The first collection, into firstArea, fails and reports `told`; a second one into secondArea (0: none) fits.
+    const struct { const char* what; int32_t replyBytes; int firstArea, told, secondArea; } cases[] = {
         {"a longer reply waits for an area that fits", 40, 16, 40, 40},
         {"the longest COMMAREA is kept whole", 32767, 100, 32767, 32767},
         {"a reply longer than any COMMAREA is refused", 40000, 32767, 32767, 0},
@@ -162,6 +144,38 @@ TEST(Hostile, AsynchronousRepliesAreKeptWholeUntilAnAreaFits)
         gw.hangUp();
         EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
     }
+}
+
+// Error flows leave an ESI caller's details alone; so does an ESI reply to an ECI call on the slot the last ESI
+// caller used. -27 would be mapped if it came as the reply's ESI code; as an error flow's it is the result.
+TEST(Hostile, ErrorFlowsAndMisdirectedRepliesLeaveTheDetailsAlone)
+{
+    ScriptedGateway gw;
+    GatewayToken* tok = gw.open();
+    ASSERT_NE(nullptr, tok);
+    Text esiReply = be32(0);
+    for (int i = 0; i < 22; i++) esiReply += be32(2000 + i);
+    EsiDetails details;
+    const EsiDetails untouched = [] { EsiDetails d; memset(&d, 0xAB, sizeof d); return d; }();
+    const int misdirected = 1;   // an ECI call, answered as if it were an ESI request
+    for (int code : {ZEP_ERR_WORK_WAS_REFUSED, -27, 0, misdirected}) {
+        SCOPED_TRACE(code);
+        details = untouched;
+        char area[8] = "eci";
+        const int rc = answered(gw, [&] {
+            return code == misdirected ? execute(tok, eciBlock(ECI_SYNC, "ECHO", area, sizeof area))
+                                       : ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details);
+        }, [&](int32_t id) {
+            EXPECT_EQ(1, id);   // the slot the ESI callers used
+            return code == 0 || code == misdirected ? ScriptedGateway::header(FLOW_REPLY, id, "ESI", 92, 0) + esiReply
+                                                    : ScriptedGateway::header(FLOW_ERROR, id, "ESI", 0, code);
+        });
+        EXPECT_EQ(code == misdirected ? rc : code, rc);
+        EXPECT_EQ(code == 0, memcmp(&untouched, &details, sizeof details) != 0);
+        EXPECT_EQ(code == 0 ? 2000 : (int)0xABABABAB, details.esiTime1.year);
+    }
+    gw.hangUp();
+    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
 }
 
 }  // namespace
