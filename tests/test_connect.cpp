@@ -1,4 +1,4 @@
-// Connections: the argument checks of the connection calls, every way an open fails, the connected token, the
+// Connections: the argument checks of the public calls, every way an open fails, the connected token, the
 // APPLIDs from the environment, concurrent opens, and the system list asked of the Gateway on an open connection.
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -57,6 +57,10 @@ TEST(Arguments, FirstFailingArgumentWinsAndStaleTokensAreRefused)
         {[&] { return ZEP_getApplid(nullptr, &text); }, ZEP_ERR_NULLGWTOK, 1055, "API.ZEP_getApplid() NULL gateway token, gwTok=(nil)"},
         {[&] { return ZEP_getApplidQualifier(tok, nullptr); }, ZEP_ERR_NULLPTR, 1060,
          "API.ZEP_getApplidQualifier() Supplied pointer is NULL, applidQualifier=(nil)"},
+        {[] { return ZEP_getDLLVersion(nullptr); }, ZEP_ERR_NULLPTR, 1033, "API.ZEP_getDLLVersion() Supplied pointer is NULL, dllVersPtr=(nil)"},
+        {[] { return ZEP_getAPIVersion(nullptr); }, ZEP_ERR_NULLPTR, 1030, "API.ZEP_getAPIVersion() Supplied pointer is NULL, apiVersPtr=(nil)"},
+        {[] { return ZEP_getAPITraceLevel(nullptr); }, ZEP_ERR_NULLPTR, 1036,
+         "API.ZEP_getAPITraceLevel() Supplied pointer is NULL, traceStatePtr=(nil)"},
     };
     for (const auto& c : cases) {
         TraceCapture trace(1);

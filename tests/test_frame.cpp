@@ -1,4 +1,4 @@
-// The library frame: version and level queries, correlators, SIGPIPE, and concurrent first calls.
+// The library frame: correlators, SIGPIPE, and concurrent first calls.
 #include <gtest/gtest.h>
 
 #include <errno.h>
@@ -11,45 +11,7 @@
 #include <vector>
 
 #include "clapi_impl.h"
-#include "test_support.h"
-#include "trace_capture.h"
 #include "zepclient.h"
-
-// Both texts are the library's own storage, the same on every call; a NULL output pointer is refused with -109
-// and one exception record naming it.
-TEST(Versions, TextsAndNullOutputPointers)
-{
-    char *dll = nullptr, *api = nullptr, *again = nullptr;
-    ASSERT_EQ(0, ZEP_getDLLVersion(&dll));
-    ASSERT_EQ(0, ZEP_getAPIVersion(&api));
-    EXPECT_STREQ("9.1.0.4", dll);
-    EXPECT_STREQ("2.3.0.0", api);
-    EXPECT_EQ(cldllVersion, dll);
-    EXPECT_EQ(clapiVersion, api);
-    ASSERT_EQ(0, ZEP_getDLLVersion(&again));
-    EXPECT_EQ(dll, again);
-
-    TraceCapture trace(3);
-    const struct { int (*call)(); int excId; const char* exc; const char* exit; } cases[] = {
-        {[] { return ZEP_getDLLVersion(nullptr); }, 1033, "API.ZEP_getDLLVersion() Supplied pointer is NULL, dllVersPtr=",
-         "API.ZEP_getDLLVersion() rc=-109 (ZEP_ERR_NULLPTR)"},
-        {[] { return ZEP_getAPIVersion(nullptr); }, 1030, "API.ZEP_getAPIVersion() Supplied pointer is NULL, apiVersPtr=",
-         "API.ZEP_getAPIVersion() rc=-109 (ZEP_ERR_NULLPTR)"},
-        {[] { return ZEP_getAPITraceLevel(nullptr); }, 1036,
-         "API.ZEP_getAPITraceLevel() Supplied pointer is NULL, traceStatePtr=", "API.ZEP_getAPITraceLevel() rc=-109 (ZEP_ERR_NULLPTR)"},
-    };
-    for (const auto& c : cases) {
-        trace.clear();
-        EXPECT_EQ(ZEP_ERR_NULLPTR, c.call()) << c.exit;
-        const std::vector<TraceRecord> records = trace.records();
-        ASSERT_EQ(3u, records.size()) << c.exit;
-        EXPECT_EQ(c.excId, records[1].id);
-        EXPECT_EQ("*EXC*", records[1].type);
-        EXPECT_EQ(c.exc + pointerText(nullptr), records[1].message);
-        EXPECT_EQ(c.excId + 1, records[2].id);
-        EXPECT_EQ(c.exit, records[2].message);
-    }
-}
 
 // Correlators start at 1, skip 0 after the wrap, and concurrent callers never share one.
 TEST(Correlators, StartAtOneSkipZeroAndAreNeverShared)
