@@ -1,6 +1,6 @@
 // Gateway tokens and their request slots: the token list of real connections (lookup, the formatted line, the
-// dump), the slot table on its own (lowest free slot first, blocks of 16 and their trimming, reservation for a
-// unit of work, the receiver's lookup), and 34 requests in flight on zepgw.
+// dump), the slot table on its own (lowest free slot first, blocks of 16 and their trimming), and 34 requests
+// in flight on zepgw.
 #include <memory>
 #include <vector>
 
@@ -72,61 +72,36 @@ TEST(TokenList, LookupFormattedLineAndDump)
     EXPECT_EQ(0, ZEP_closeAllGatewayConnections());
 }
 
-// A first block of 16 slots as a token embeds it, numbered 1 to 16 and chained.
-class SlotTable : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(0, clapiInit());
-        memset(static_cast<void*>(table), 0, sizeof table);
-        for (int i = 0; i < SLOTS_PER_TABLE; i++) {
-            memcpy(table[i].eyecatcher, "ZEPRSLOT", 8);
-            table[i].slotNumber = i + 1;
-            table[i].nextSlot = i + 1 < SLOTS_PER_TABLE ? &table[i + 1] : nullptr;
-        }
-    }
-
-    // Frees from the highest slot down, so that every added block is trimmed again.
-    void TearDown() override
-    {
-        for (RequestSlot* last = table; last != nullptr;) {
-            last = nullptr;
-            for (RequestSlot* slot = table; slot != nullptr; slot = slot->nextSlot)
-                if (slot->slotState != SLOT_FREE) last = slot;
-            if (last != nullptr) slotFree(table, last);
-        }
-        EXPECT_EQ(16, chain());
-    }
-
-    // Takes `count` slots, checking that each is the lowest free one, numbered from `first` on.
-    std::vector<RequestSlot*> takeAll(int count, int first = 1)
-    {
-        std::vector<RequestSlot*> slots;
-        for (int n = first; n < first + count; n++) {
-            RequestSlot* slot = nullptr;
-            EXPECT_EQ(0, slotFind(table, 0, &slot));
-            EXPECT_EQ(n, slot != nullptr ? slot->slotNumber : 0);
-            slots.push_back(slot);
-        }
-        return slots;
-    }
-
-    int chain() const
-    {
-        int count = 0;
-        for (const RequestSlot* slot = table; slot != nullptr; slot = slot->nextSlot) count++;
-        return count;
-    }
-
-    RequestSlot table[SLOTS_PER_TABLE];
-};
-
-// A freed slot keeps only its results and is the next one taken; further blocks come and go at the end.
-TEST_F(SlotTable, LowestFreeSlotFirstAndOnlyTheLastBlockTrims)
+int chainLength(const RequestSlot* table)
 {
+    int count = 0;
+    for (const RequestSlot* slot = table; slot != nullptr; slot = slot->nextSlot) count++;
+    return count;
+}
+
+// On a first block of 16 slots as a token embeds it: the lowest free slot is taken first, a freed slot keeps
+// only its results, and further blocks come and go at the end of the chain.
+TEST(SlotTable, LowestFreeSlotFirstAndOnlyTheLastBlockTrims)
+{
+    ASSERT_EQ(0, clapiInit());
     TraceCapture trace(4);
-    auto slots = takeAll(33);
-    ASSERT_EQ(48, chain());
+    RequestSlot table[SLOTS_PER_TABLE];
+    memset(static_cast<void*>(table), 0, sizeof table);
+    for (int i = 0; i < SLOTS_PER_TABLE; i++) {
+        table[i].slotNumber = i + 1;
+        table[i].nextSlot = i + 1 < SLOTS_PER_TABLE ? &table[i + 1] : nullptr;
+    }
+    std::vector<RequestSlot*> slots;
+    auto take = [&] {
+        RequestSlot* slot = nullptr;
+        EXPECT_EQ(0, slotFind(table, 0, &slot));
+        return slot;
+    };
+    for (int n = 1; n <= 33; n++) {
+        slots.push_back(take());
+        ASSERT_EQ(n, slots.back()->slotNumber);
+    }
+    ASSERT_EQ(48, chainLength(table));
     EsiDetails details;
     slots[1]->request.eci_luw_token = 77;
     slots[1]->flowRc = -102;
@@ -137,7 +112,7 @@ TEST_F(SlotTable, LowestFreeSlotFirstAndOnlyTheLastBlockTrims)
     EXPECT_EQ(0, memcmp(&zero, &slots[1]->request, sizeof zero));
     EXPECT_EQ(-102, slots[1]->flowRc);
     EXPECT_EQ(&details, slots[1]->esiDetailsPtr);
-    EXPECT_EQ(slots[1], takeAll(1, 2)[0]);
+    EXPECT_EQ(slots[1], take());
 
     RequestSlot* block = table[15].nextSlot;
     EXPECT_EQ(slots[16], block);
@@ -145,38 +120,11 @@ TEST_F(SlotTable, LowestFreeSlotFirstAndOnlyTheLastBlockTrims)
     const std::string address = pointerText(block);
     EXPECT_TRUE(trace.has(2053, "clapi_gwytok.slotFind() Created new slot table at slotP=" + address + ", first=17, last=32"));
     for (int n = 17; n <= 32; n++) slotFree(table, slots[n - 1]);
-    EXPECT_EQ(48, chain()) << "the second block is not the last while slot 33 is taken";
+    EXPECT_EQ(48, chainLength(table)) << "the second block is not the last while slot 33 is taken";
     slotFree(table, slots[32]);
-    EXPECT_EQ(16, chain()) << "freeing slot 33 trims the third block and then the free second one";
-    EXPECT_EQ(nullptr, table[15].nextSlot);
+    EXPECT_EQ(16, chainLength(table)) << "freeing slot 33 trims the third block and then the free second one";
     EXPECT_TRUE(trace.has(2059, "clapi_gwytok.slotFree() Freeing slot table at slotP=" + address + ", first=17, last=32"));
-}
-
-// A unit of work's slot is found only between its requests; a reply only for a sent slot.
-TEST_F(SlotTable, StateDecidesWhatIsFound)
-{
-    auto slots = takeAll(3);
-    slots[1]->request.eci_luw_token = 500;
-    const struct { int state; int32_t asked; int rc; } reserved[] = {
-        {SLOT_LUW_KEPT, 501, ECI_ERR_LUW_TOKEN}, {SLOT_ALLOCATED, 500, ECI_ERR_ALREADY_ACTIVE},
-        {SLOT_SENT, 500, ECI_ERR_ALREADY_ACTIVE}, {SLOT_REPLIED, 500, ECI_ERR_ALREADY_ACTIVE}, {SLOT_LUW_KEPT, 500, 0}};
-    for (const auto& c : reserved) {
-        slots[1]->slotState = c.state;
-        RequestSlot* found = &table[0];
-        EXPECT_EQ(c.rc, slotFind(table, c.asked, &found)) << c.state << " " << c.asked;
-        EXPECT_EQ(c.rc == 0 ? slots[1] : nullptr, found);
-        EXPECT_EQ(c.rc == 0 ? SLOT_ALLOCATED : c.state, slots[1]->slotState);
-    }
-    const struct { int state; int32_t messageId; int rc; } replied[] = {
-        {SLOT_SENT, 5, 0}, {SLOT_FREE, 5, ZEP_ERR_SYSTEM_ERROR}, {SLOT_ALLOCATED, 5, ZEP_ERR_SYSTEM_ERROR},
-        {SLOT_REPLIED, 5, ZEP_ERR_SYSTEM_ERROR}, {SLOT_LUW_KEPT, 5, ZEP_ERR_SYSTEM_ERROR}, {SLOT_SENT, 40, ZEP_ERR_SYSTEM_ERROR}};
-    for (const auto& c : replied) {
-        table[4].slotState = c.state;
-        RequestSlot* found = &table[0];
-        EXPECT_EQ(c.rc, slotLookup(table, c.messageId, &found)) << c.state << " " << c.messageId;
-        EXPECT_EQ(c.messageId == 5 ? &table[4] : nullptr, found);
-    }
-    table[4].slotState = SLOT_FREE;
+    for (int n = 1; n <= 16; n++) slotFree(table, slots[n - 1]);
 }
 
 TEST(SlotsInFlight, DeletingATokenFreesBlocksStillInUse)
