@@ -25,42 +25,33 @@ TEST(Arguments, FirstFailingArgumentWinsAndStaleTokensAreRefused)
     auto open = [&](const char* host, int port, bool tokPtr, unsigned int timeout, const char* applid, const char* qualifier) {
         return ZEP_openRemoteGatewayConnectionApplid(host, port, tokPtr ? &opened : nullptr, timeout, applid, qualifier);
     };
+    const std::string CLOSE = "API.ZEP_closeGatewayConnection() ", PURGE = "API.ZEP_purgeGatewayConnection() ";
+    const std::string LIST = "API.ZEP_listSystems() ", NULLPTR = "Supplied pointer is NULL, ";
     const struct { std::function<int()> call; int rc, id; std::string message; } cases[] = {
         {[&] { return open("127.0.0.1", 0, true, 5, "A", "Q"); }, ZEP_ERR_BADPORT, 1001, OPEN_API + "Port value out of range, port=0"},
         {[&] { return open("127.0.0.1", 65536, true, 5, "A", "Q"); }, ZEP_ERR_BADPORT, 1001, OPEN_API + "Port value out of range, port=65536"},
         {[&] { return open(nullptr, -5, false, 5, nullptr, nullptr); }, ZEP_ERR_BADPORT, 1001, OPEN_API + "Port value out of range, port=-5"},
-        {[&] { return open(nullptr, 1, false, 3601, nullptr, nullptr); }, ZEP_ERR_NULLGWTOKPTR, 1002,
-         OPEN_API + "NULL gateway token pointer, gwTokPtr=(nil)"},
-        {[&] { return open("127.0.0.1", 1, true, 3601, "A", "Q"); }, ZEP_ERR_INVALIDTIMEOUTPARM, 1003,
-         OPEN_API + "Timeout value out of range, connTimeout=3601"},
-        {[&] { return open(nullptr, 1, true, static_cast<unsigned int>(-1), nullptr, nullptr); }, ZEP_ERR_INVALIDTIMEOUTPARM, 1003,
-         OPEN_API + "Timeout value out of range, connTimeout=-1"},
+        {[&] { return open(nullptr, 1, false, 3601, nullptr, nullptr); }, ZEP_ERR_NULLGWTOKPTR, 1002, OPEN_API + "NULL gateway token pointer, gwTokPtr=(nil)"},
+        {[&] { return open("127.0.0.1", 1, true, 3601, "A", "Q"); }, ZEP_ERR_INVALIDTIMEOUTPARM, 1003, OPEN_API + "Timeout value out of range, connTimeout=3601"},
+        {[&] { return open(nullptr, 1, true, -1u, nullptr, nullptr); }, ZEP_ERR_INVALIDTIMEOUTPARM, 1003, OPEN_API + "Timeout value out of range, connTimeout=-1"},
         {[&] { return open(nullptr, 1, true, 5, nullptr, nullptr); }, ZEP_ERR_NULLADDRESS, 1004, OPEN_API + "NULL host name, hostname=(nil)"},
         {[&] { return open("127.0.0.1", 1, true, 5, nullptr, nullptr); }, ZEP_ERR_NULLPARM, 1005, OPEN_API + "NULL applid, applid=(nil)"},
-        {[&] { return open("127.0.0.1", 1, true, 5, "A", nullptr); }, ZEP_ERR_NULLPARM, 1006,
-         OPEN_API + "NULL applid qualifier, applidQualifier=(nil)"},
-        {[] { return ZEP_closeGatewayConnection(nullptr); }, ZEP_ERR_NULLGWTOKPTR, 1010,
-         "API.ZEP_closeGatewayConnection() NULL gateway token pointer, gwTokPtr=(nil)"},
-        {[&] { return ZEP_closeGatewayConnection(&none); }, ZEP_ERR_NULLGWTOK, 1011,
-         "API.ZEP_closeGatewayConnection() NULL gateway token, *gwTokPtr=(nil)"},
-        {[] { return ZEP_purgeGatewayConnection(nullptr, 5000); }, ZEP_ERR_NULLGWTOKPTR, 1081,
-         "API.ZEP_purgeGatewayConnection() NULL gateway token pointer, gwTokPtr=(nil)"},
-        {[&] { return ZEP_purgeGatewayConnection(&none, 5000); }, ZEP_ERR_NULLGWTOK, 1082,
-         "API.ZEP_purgeGatewayConnection() NULL gateway token, *gwTokPtr=(nil)"},
-        {[&] { return ZEP_purgeGatewayConnection(&tok, 3601); }, ZEP_ERR_INVALIDTIMEOUTPARM, 1083,
-         "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=3601"},
-        {[&] { return ZEP_purgeGatewayConnection(&tok, static_cast<unsigned int>(-1)); }, ZEP_ERR_INVALIDTIMEOUTPARM, 1083,
-         "API.ZEP_purgeGatewayConnection() Timeout value out of range, closeTimeout=-1"},
-        {[&] { return ZEP_listSystems(nullptr, &count, list); }, ZEP_ERR_NULLGWTOK, 1018, "API.ZEP_listSystems() NULL gateway token, gwTok=(nil)"},
-        {[&] { return ZEP_listSystems(tok, nullptr, list); }, ZEP_ERR_NULLPTR, 1019, "API.ZEP_listSystems() NULL Systems Parameter, Systems=(nil)"},
-        {[&] { return ZEP_listSystems(tok, &count, nullptr); }, ZEP_ERR_NULLPTR, 1020, "API.ZEP_listSystems() NULL List Parameter, List=(nil)"},
+        {[&] { return open("127.0.0.1", 1, true, 5, "A", nullptr); }, ZEP_ERR_NULLPARM, 1006, OPEN_API + "NULL applid qualifier, applidQualifier=(nil)"},
+        {[] { return ZEP_closeGatewayConnection(nullptr); }, ZEP_ERR_NULLGWTOKPTR, 1010, CLOSE + "NULL gateway token pointer, gwTokPtr=(nil)"},
+        {[&] { return ZEP_closeGatewayConnection(&none); }, ZEP_ERR_NULLGWTOK, 1011, CLOSE + "NULL gateway token, *gwTokPtr=(nil)"},
+        {[] { return ZEP_purgeGatewayConnection(nullptr, 5000); }, ZEP_ERR_NULLGWTOKPTR, 1081, PURGE + "NULL gateway token pointer, gwTokPtr=(nil)"},
+        {[&] { return ZEP_purgeGatewayConnection(&none, 5000); }, ZEP_ERR_NULLGWTOK, 1082, PURGE + "NULL gateway token, *gwTokPtr=(nil)"},
+        {[&] { return ZEP_purgeGatewayConnection(&tok, 3601); }, ZEP_ERR_INVALIDTIMEOUTPARM, 1083, PURGE + "Timeout value out of range, closeTimeout=3601"},
+        {[&] { return ZEP_purgeGatewayConnection(&tok, -1u); }, ZEP_ERR_INVALIDTIMEOUTPARM, 1083, PURGE + "Timeout value out of range, closeTimeout=-1"},
+        {[&] { return ZEP_listSystems(nullptr, &count, list); }, ZEP_ERR_NULLGWTOK, 1018, LIST + "NULL gateway token, gwTok=(nil)"},
+        {[&] { return ZEP_listSystems(tok, nullptr, list); }, ZEP_ERR_NULLPTR, 1019, LIST + "NULL Systems Parameter, Systems=(nil)"},
+        {[&] { return ZEP_listSystems(tok, &count, nullptr); }, ZEP_ERR_NULLPTR, 1020, LIST + "NULL List Parameter, List=(nil)"},
         {[&] { return ZEP_getApplid(nullptr, &text); }, ZEP_ERR_NULLGWTOK, 1055, "API.ZEP_getApplid() NULL gateway token, gwTok=(nil)"},
-        {[&] { return ZEP_getApplidQualifier(tok, nullptr); }, ZEP_ERR_NULLPTR, 1060,
-         "API.ZEP_getApplidQualifier() Supplied pointer is NULL, applidQualifier=(nil)"},
-        {[] { return ZEP_getDLLVersion(nullptr); }, ZEP_ERR_NULLPTR, 1033, "API.ZEP_getDLLVersion() Supplied pointer is NULL, dllVersPtr=(nil)"},
-        {[] { return ZEP_getAPIVersion(nullptr); }, ZEP_ERR_NULLPTR, 1030, "API.ZEP_getAPIVersion() Supplied pointer is NULL, apiVersPtr=(nil)"},
-        {[] { return ZEP_getAPITraceLevel(nullptr); }, ZEP_ERR_NULLPTR, 1036,
-         "API.ZEP_getAPITraceLevel() Supplied pointer is NULL, traceStatePtr=(nil)"},
+        {[] { return ZEP_getApplidQualifier(nullptr, nullptr); }, ZEP_ERR_NULLGWTOK, 1059, "API.ZEP_getApplidQualifier() NULL gateway token, gwTok=(nil)"},
+        {[&] { return ZEP_getApplidQualifier(tok, nullptr); }, ZEP_ERR_NULLPTR, 1060, "API.ZEP_getApplidQualifier() " + NULLPTR + "applidQualifier=(nil)"},
+        {[] { return ZEP_getDLLVersion(nullptr); }, ZEP_ERR_NULLPTR, 1033, "API.ZEP_getDLLVersion() " + NULLPTR + "dllVersPtr=(nil)"},
+        {[] { return ZEP_getAPIVersion(nullptr); }, ZEP_ERR_NULLPTR, 1030, "API.ZEP_getAPIVersion() " + NULLPTR + "apiVersPtr=(nil)"},
+        {[] { return ZEP_getAPITraceLevel(nullptr); }, ZEP_ERR_NULLPTR, 1036, "API.ZEP_getAPITraceLevel() " + NULLPTR + "traceStatePtr=(nil)"},
     };
     for (const auto& c : cases) {
         TraceCapture trace(1);
@@ -161,13 +152,18 @@ TEST(Connect, FailedOpensLeaveNoTokenAndTraceTheirCause)
     }
 }
 
+// The APPLIDs come from the environment when a variable is set, even to an empty value.
 TEST(Connect, OpenListsAConnectedTokenWithItsOptionsAndApplids)
 {
     ZepgwProcess gw;
     ASSERT_TRUE(gw.start());
-    TraceCapture trace(2);
+    TraceCapture trace(4);
     GatewayToken* tok = nullptr;
-    ASSERT_EQ(0, ZEP_openRemoteGatewayConnectionApplid("localhost", gw.port(), &tok, 5, "MYAPPL", "MYQUAL"));
+    setenv("ZEP_APPLID", "ENVAPPL8", 1);
+    setenv("ZEP_APPLIDQUALIFIER", "", 1);
+    ASSERT_EQ(0, ZEP_openRemoteGatewayConnectionApplid("localhost", gw.port(), &tok, 5, "ARGUMENT9", "ARGQUAL"));
+    unsetenv("ZEP_APPLID");
+    unsetenv("ZEP_APPLIDQUALIFIER");
     EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
     EXPECT_EQ(1, listedTokens());
     EXPECT_EQ(5, tok->connTimeout);
@@ -180,28 +176,17 @@ TEST(Connect, OpenListsAConnectedTokenWithItsOptionsAndApplids)
     EXPECT_EQ(0, fcntl(tok->socket, F_GETFL) & O_NONBLOCK) << "blocking again after the bounded connect";
     EXPECT_TRUE(trace.has(2012, "clapi_gwytok.openClientSocket() Connected to Gateway localhost:" +
                                     std::to_string(gw.port()) + " - socketDescriptor(" + std::to_string(tok->socket) + ")"));
+    EXPECT_TRUE(trace.has(1007, OPEN_API + "Environment variables: applidEnv=ENVAPPL8 and applidQualifierEnv="));
     char* applid = nullptr;
     char* qualifier = nullptr;
     EXPECT_EQ(0, ZEP_getApplid(tok, &applid));
     EXPECT_EQ(0, ZEP_getApplidQualifier(tok, &qualifier));
     EXPECT_EQ(tok->applid, applid) << "the token's own text";
     EXPECT_EQ(tok->applidQual, qualifier);
-    EXPECT_STREQ("MYAPPL", applid);
-    EXPECT_STREQ("MYQUAL", qualifier);
+    EXPECT_STREQ("ENVAPPL8", applid);
+    EXPECT_STREQ("", qualifier);
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
     EXPECT_EQ(0, listedTokens());
-
-    // A variable that is set, even to an empty value, replaces the argument.
-    setenv("ZEP_APPLID", "ENVAPPL8", 1);
-    setenv("ZEP_APPLIDQUALIFIER", "", 1);
-    TraceCapture debug(4);
-    ASSERT_EQ(0, ZEP_openRemoteGatewayConnectionApplid("127.0.0.1", gw.port(), &tok, 5, "ARGUMENT9", "ARGQUAL"));
-    unsetenv("ZEP_APPLID");
-    unsetenv("ZEP_APPLIDQUALIFIER");
-    EXPECT_STREQ("ENVAPPL8", tok->applid);
-    EXPECT_STREQ("", tok->applidQual);
-    EXPECT_TRUE(debug.has(1007, OPEN_API + "Environment variables: applidEnv=ENVAPPL8 and applidQualifierEnv="));
-    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
 }
 
 // At trace level 2 each open formats its token, next-token field included, while another open may chain
