@@ -32,52 +32,53 @@ protected:
 bool isClosing(GatewayToken* tok) { return __atomic_load_n(&tok->closing, __ATOMIC_RELAXED) != 0; }
 bool channelLocked(Channel* chan) { return __atomic_load_n(&chan->isLocked, __ATOMIC_RELAXED) != 0; }
 
-// A purge returns as soon as the work ends; uncollected replies and a call in progress hold it for its whole
-// time limit, no longer.
-TEST_F(Close, PurgeWaitsForTheWorkAtMostItsTimeLimit)
+TEST_F(Close, PurgeReturnsAsSoonAsTheWorkEnds)
 {
-    GatewayToken* quick = open();
-    BackgroundCall delayed(quick, "DELAY", "300");
+    GatewayToken* tok = open();
+    BackgroundCall delayed(tok, "DELAY", "300");
     ASSERT_TRUE(awaitRequestsLogged(gw, "DELAY", 1));
-    auto start = Clock::now();
-    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&quick, 60));
+    const auto start = Clock::now();
+    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 60));
     EXPECT_LT(secondsSince(start), 10.0);
     EXPECT_EQ(0, delayed.result());
     EXPECT_EQ(0, memcmp(delayed.area(), "300", 3));
+}
 
+// While one thread purges a token and another still opens one, a second close or purge is refused and a close of
+// all leaves both tokens to their owners. Uncollected replies and a call in progress hold the purge for its whole
+// time limit, no longer.
+TEST_F(Close, TokensBeingClosedOrOpenedBelongToTheirOwners)
+{
     GatewayToken* tok = open();
+    GatewayToken* copy = tok;
+    ASSERT_NE(nullptr, open());   // listed behind it: the close of all must go past the token being purged
     char area[32] = "never collected";
     EciParms async = eciBlock(ECI_ASYNC, "ECHO", area, sizeof area);
     for (int i = 0; i < 2; i++) ASSERT_EQ(0, ZEP_ECI_Execute(tok, &async));
     ASSERT_TRUE(pollUntil([&] { return slotsInState(tok, SLOT_REPLIED) == 2; }));
     auto hanging = hang(tok);
+    GatewayToken* opened = nullptr;
+    auto opening = std::async(std::launch::async, [&] { return openGateway(gw, &opened, "NOHS", 3); });
+    ASSERT_TRUE(pollUntil([] { return listedTokens() == 3; }));
     TraceCapture trace(2);
-    start = Clock::now();
-    EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 2));
-    EXPECT_GE(secondsSince(start), 1.9);
-    EXPECT_LT(secondsSince(start), 10.0);
-    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging->result());
-    EXPECT_EQ(nullptr, tok);
-    EXPECT_TRUE(trace.has(2071, "clapi_gwytok.quiesceConnection() Waiting 2 seconds for 1 API calls and 2 async "
-                                "requests to complete")) << trace.text();
-}
-
-// While one thread purges, a second close or purge is refused and a close of all leaves the token to it.
-TEST_F(Close, ATokenBeingClosedBelongsToItsCloser)
-{
-    GatewayToken* tok = open();
-    GatewayToken* copy = tok;
-    ASSERT_NE(nullptr, open());   // listed behind it: the close of all must go past the token being purged
-    auto hanging = hang(tok);
+    const auto start = Clock::now();
     auto purge = std::async(std::launch::async, [&] { return ZEP_purgeGatewayConnection(&tok, 2); });
     ASSERT_TRUE(pollUntil([&] { return isClosing(copy); }));
     EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, ZEP_closeGatewayConnection(&copy));
     EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, ZEP_purgeGatewayConnection(&copy, 0));
     EXPECT_EQ(0, ZEP_closeAllGatewayConnections());
-    EXPECT_EQ(1, listedTokens()) << "the purging thread still owns the token";
+    EXPECT_EQ(2, listedTokens()) << "the purging and the opening thread still own their tokens";
     ASSERT_EQ(std::future_status::ready, purge.wait_for(std::chrono::seconds(20)));
     EXPECT_EQ(0, purge.get());
+    EXPECT_GE(secondsSince(start), 1.9);
+    EXPECT_LT(secondsSince(start), 10.0);
+    EXPECT_EQ(nullptr, tok);
     EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging->result());
+    EXPECT_TRUE(trace.has(2071, "clapi_gwytok.quiesceConnection() Waiting 2 seconds for 1 API calls and 2 async "
+                                "requests to complete")) << trace.text();
+    ASSERT_EQ(std::future_status::ready, opening.wait_for(std::chrono::seconds(20)));
+    EXPECT_EQ(ZEP_ERR_CONNECTTIMEOUT, opening.get());
+    EXPECT_EQ(nullptr, opened);
     EXPECT_EQ(0, listedTokens());
 }
 
@@ -106,20 +107,6 @@ TEST_F(Close, CloseAllClosesEveryTokenInOrderWithoutWaiting)
     EXPECT_EQ(std::vector<std::string>(3, closed), recordTexts(trace, 3042));
     EXPECT_TRUE(trace.has(2037, "clapi_gwytok.clapiDeleteGatewayTokens() Entries deleted=3, rc=0"));
     EXPECT_TRUE(trace.has(1015, "API.ZEP_closeAllGatewayConnections() Closed all Gateway connections"));
-}
-
-TEST_F(Close, CloseAllLeavesATokenThatIsStillBeingOpened)
-{
-    EXPECT_EQ(0, ZEP_closeAllGatewayConnections());   // initialises the library before the test reads its list
-    GatewayToken* tok = nullptr;
-    auto opening = std::async(std::launch::async, [&] { return openGateway(gw, &tok, "NOHS", 3); });
-    ASSERT_TRUE(pollUntil([] { return listedTokens() == 1; }));
-    EXPECT_EQ(0, ZEP_closeAllGatewayConnections());
-    EXPECT_EQ(1, listedTokens()) << "the opener still owns the token";
-    ASSERT_EQ(std::future_status::ready, opening.wait_for(std::chrono::seconds(20)));
-    EXPECT_EQ(ZEP_ERR_CONNECTTIMEOUT, opening.get());
-    EXPECT_EQ(nullptr, tok);
-    EXPECT_EQ(0, listedTokens());
 }
 
 TEST_F(Close, CloseAllGoesOnAfterItsNextTokenWasDeletedMeanwhile)
