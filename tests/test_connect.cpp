@@ -125,7 +125,8 @@ TEST(Connect, FailedOpensLeaveNoTokenAndTraceTheirCause)
          {{3008, connect + "Unable to connect to Gateway: Operation now in progress (115)"}}},
         {"zepgw-no-such-host.invalid", 2006, "", 5, ZEP_ERR_BADHOST, 0,
          {{3023, "clapi_gwycon.getHostInfo() Unable to resolve host (zepgw-no-such-host.invalid:2006): "}}},
-        {"127.0.0.1", gw.port(), "NOHS", 1, ZEP_ERR_CONNECTTIMEOUT, 0.9, {{3012, handshake + "-134"}}},
+        {"127.0.0.1", gw.port(), "NOHS", 1, ZEP_ERR_CONNECTTIMEOUT, 0.9,
+         {{2504, "Timed out waiting for handshake response"}, {3012, handshake + "-134"}}},
         {"127.0.0.1", gw.port(), "HSERR", 5, ZEP_ERR_WORK_WAS_REFUSED, 0,
          {{3036, "clapi_gwycon.receiverThread() Gateway returned a flow type of FLOW_ERROR, rc=61445 "
                  "(ZEP_ERR_WORK_WAS_REFUSED)"},
