@@ -140,9 +140,7 @@ void keepLuwSlotWithChannel(GatewayToken* tok, Channel* chan)
     EciParms collect = start;
     collect.eci_call_type = ECI_GET_REPLY_WAIT;
     ASSERT_EQ(0, ZEP_ECI_Execute_Channel(tok, &collect));
-    ASSERT_NE(0, copyOf(collect.eci_luw_token));
     ASSERT_EQ(1, slotsInState(tok, SLOT_LUW_KEPT));
-    ASSERT_FALSE(channelLocked(chan));
 }
 
 // A kept unit of work neither unlocks a channel that a call on another connection holds, nor touches its own
