@@ -18,14 +18,6 @@ protected:
         return tok;
     }
 
-    // A synchronous HANG call on the token, waited for until its request is sent.
-    std::unique_ptr<BackgroundCall> hang(GatewayToken* tok)
-    {
-        auto call = std::make_unique<BackgroundCall>(tok, "HANG");
-        EXPECT_TRUE(pollUntil([&] { return slotsInState(tok, SLOT_SENT) == 1; }));
-        return call;
-    }
-
     ZepgwProcess gw;
 };
 
@@ -56,7 +48,8 @@ TEST_F(Close, TokensBeingClosedOrOpenedBelongToTheirOwners)
     EciParms async = eciBlock(ECI_ASYNC, "ECHO", area, sizeof area);
     for (int i = 0; i < 2; i++) ASSERT_EQ(0, ZEP_ECI_Execute(tok, &async));
     ASSERT_TRUE(pollUntil([&] { return slotsInState(tok, SLOT_REPLIED) == 2; }));
-    auto hanging = hang(tok);
+    BackgroundCall hanging(tok, "HANG");
+    ASSERT_TRUE(pollUntil([&] { return slotsInState(tok, SLOT_SENT) == 1; }));
     GatewayToken* opened = nullptr;
     auto opening = std::async(std::launch::async, [&] { return openGateway(gw, &opened, "NOHS", 3); });
     ASSERT_TRUE(pollUntil([] { return listedTokens() == 3; }));
@@ -73,7 +66,7 @@ TEST_F(Close, TokensBeingClosedOrOpenedBelongToTheirOwners)
     EXPECT_GE(secondsSince(start), 1.9);
     EXPECT_LT(secondsSince(start), 10.0);
     EXPECT_EQ(nullptr, tok);
-    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging->result());
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging.result());
     EXPECT_TRUE(trace.has(2071, "clapi_gwytok.quiesceConnection() Waiting 2 seconds for 1 API calls and 2 async "
                                 "requests to complete")) << trace.text();
     ASSERT_EQ(std::future_status::ready, opening.wait_for(std::chrono::seconds(20)));
