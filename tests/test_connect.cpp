@@ -153,8 +153,9 @@ TEST(Connect, FailedOpensLeaveNoTokenAndTraceTheirCause)
     }
 }
 
-// The APPLIDs come from the environment when a variable is set, even to an empty value.
-TEST(Connect, OpenListsAConnectedTokenWithItsOptionsAndApplids)
+// The APPLIDs come from the environment when a variable is set, even to an empty value; then opens on two
+// threads at once.
+TEST(Connect, OpenListsAConnectedTokenAlsoAmongConcurrentOpens)
 {
     ZepgwProcess gw;
     ASSERT_TRUE(gw.start());
@@ -188,20 +189,16 @@ TEST(Connect, OpenListsAConnectedTokenWithItsOptionsAndApplids)
     EXPECT_STREQ("", qualifier);
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
     EXPECT_EQ(0, listedTokens());
-}
 
-// At trace level 2 each open formats its token, next-token field included, while another open may chain
-// a token behind it; ThreadSanitizer checks that the two do not race.
-TEST(Connect, ConcurrentOpensAtTraceLevelTwo)
-{
-    ZepgwProcess gw;
-    ASSERT_TRUE(gw.start());
-    TraceCapture trace(2);
+    // At trace level 2 each open formats its token, next-token field included, while another open may chain a
+    // token behind it; ThreadSanitizer checks that the two do not race.
+    ZEP_setAPITraceLevel(2);
+    trace.clear();
     auto cycles = [&gw] {
         int failures = 0;
         for (int i = 0; i < 15; i++) {
-            GatewayToken* tok = nullptr;
-            if (openGateway(gw, &tok) != 0 || ZEP_closeGatewayConnection(&tok) != 0) failures++;
+            GatewayToken* opened = nullptr;
+            if (openGateway(gw, &opened) != 0 || ZEP_closeGatewayConnection(&opened) != 0) failures++;
         }
         return failures;
     };
