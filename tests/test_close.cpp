@@ -75,41 +75,25 @@ TEST_F(Close, TokensBeingClosedOrOpenedBelongToTheirOwners)
     EXPECT_EQ(0, listedTokens());
 }
 
-// Tokens chain at the tail, also after the list emptied and after the tail token went.
-TEST_F(Close, CloseAllClosesEveryTokenInOrderWithoutWaiting)
-{
-    GatewayToken* gone = open();
-    ASSERT_EQ(0, ZEP_closeGatewayConnection(&gone));
-    std::vector<GatewayToken*> order = {open(), open()};
-    gone = open();
-    ASSERT_EQ(0, ZEP_closeGatewayConnection(&gone));
-    order.push_back(open());
-    BackgroundCall hanging(order[1], "HANG");
-    ASSERT_TRUE(awaitRequestsLogged(gw, "HANG", 1));
-    TraceCapture trace(3);
-    const auto start = Clock::now();
-    EXPECT_EQ(0, ZEP_closeAllGatewayConnections());
-    EXPECT_LT(secondsSince(start), 5.0);
-    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging.result());
-    EXPECT_EQ(0, listedTokens());
-    std::vector<std::string> expected;
-    for (GatewayToken* tok : order)
-        expected.push_back("ENTRY clapi_gwytok.clapiCloseGatewayToken(gwTokPtr=" + pointerText(tok) + ", lockRequired=FALSE)");
-    EXPECT_EQ(expected, recordTexts(trace, 2015));
-    const std::string closed = "EVENT clapi_gwycon.receiverThread() Connection closed, initiated by API; closeRc=-140 (ZEP_ERR_GWTOK_CLOSED)";
-    EXPECT_EQ(std::vector<std::string>(3, closed), recordTexts(trace, 3042));
-    EXPECT_TRUE(trace.has(2037, "clapi_gwytok.clapiDeleteGatewayTokens() Entries deleted=3, rc=0"));
-    EXPECT_TRUE(trace.has(1015, "API.ZEP_closeAllGatewayConnections() Closed all Gateway connections"));
-}
-
-TEST_F(Close, CloseAllGoesOnAfterItsNextTokenWasDeletedMeanwhile)
+// A close of all closes every token in list order without waiting for calls in progress, and goes on after the
+// token it would close next was closed meanwhile. Tokens chain at the tail, also after the list emptied and after
+// the tail token went.
+TEST_F(Close, CloseAllClosesEveryTokenInOrder)
 {
     ZepgwProcess other;
     ASSERT_TRUE(other.start());
+    GatewayToken* gone = open();
+    ASSERT_EQ(0, ZEP_closeGatewayConnection(&gone));
     GatewayToken* first = open();
     GatewayToken* middle = nullptr;
     ASSERT_EQ(0, openGateway(other, &middle));
-    ASSERT_NE(nullptr, open());
+    gone = open();
+    ASSERT_EQ(0, ZEP_closeGatewayConnection(&gone));
+    GatewayToken* last = open();
+    const std::vector<GatewayToken*> order = {first, middle, last};
+    BackgroundCall hanging(last, "HANG");
+    ASSERT_TRUE(awaitRequestsLogged(gw, "HANG", 1));
+    TraceCapture trace(3);
     // The first close waits for the Gateway's answer to its close flow while the middle token goes away.
     ASSERT_TRUE(gw.pause());
     auto closeAll = std::async(std::launch::async, [] { return ZEP_closeAllGatewayConnections(); });
@@ -120,7 +104,17 @@ TEST_F(Close, CloseAllGoesOnAfterItsNextTokenWasDeletedMeanwhile)
     ASSERT_TRUE(gw.resume());
     ASSERT_EQ(std::future_status::ready, closeAll.wait_for(std::chrono::seconds(20)));
     EXPECT_EQ(0, closeAll.get());
-    EXPECT_EQ(0, listedTokens()) << "the last token was closed as well";
+    EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, hanging.result());
+    EXPECT_EQ(0, listedTokens());
+    std::vector<std::string> expected;
+    for (GatewayToken* tok : order)   // the middle one closed by the application, the others by the close of all
+        expected.push_back("ENTRY clapi_gwytok.clapiCloseGatewayToken(gwTokPtr=" + pointerText(tok) +
+                           (tok == order[1] ? ", lockRequired=TRUE)" : ", lockRequired=FALSE)"));
+    EXPECT_EQ(expected, recordTexts(trace, 2015));
+    const std::string closed = "EVENT clapi_gwycon.receiverThread() Connection closed, initiated by API; closeRc=-140 (ZEP_ERR_GWTOK_CLOSED)";
+    EXPECT_EQ(std::vector<std::string>(2, closed), recordTexts(trace, 3042));
+    EXPECT_TRUE(trace.has(2037, "clapi_gwytok.clapiDeleteGatewayTokens() Entries deleted=2, rc=0"));
+    EXPECT_TRUE(trace.has(1015, "API.ZEP_closeAllGatewayConnections() Closed all Gateway connections"));
 }
 
 // Starts a unit of work with an asynchronous channel call and collects its reply: the slot stays kept.
