@@ -69,7 +69,9 @@ TEST(TokenList, LookupFormattedLineAndDump)
     EXPECT_EQ(0, clapiFormatGatewayToken(nullptr, line));
     EXPECT_STREQ("GatwayToken(NULL)", line);
     EXPECT_EQ(ZEP_ERR_NULLPARM, clapiFormatGatewayToken(list[0], nullptr));
+    ZEP_setAPITraceLevel(1);   // below level 2 the close of all formats no token
     EXPECT_EQ(0, ZEP_closeAllGatewayConnections());
+    EXPECT_EQ(0, listedTokens());
 }
 
 int chainLength(const RequestSlot* table)
