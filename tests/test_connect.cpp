@@ -192,8 +192,7 @@ TEST(Connect, OpenListsAConnectedTokenAlsoAmongConcurrentOpens)
 
     // At trace level 2 each open formats its token, next-token field included, while another open may chain a
     // token behind it; ThreadSanitizer checks that the two do not race.
-    ZEP_setAPITraceLevel(2);
-    trace.clear();
+    TraceCapture concurrent(2);
     auto cycles = [&gw] {
         int failures = 0;
         for (int i = 0; i < 15; i++) {
@@ -205,7 +204,7 @@ TEST(Connect, OpenListsAConnectedTokenAlsoAmongConcurrentOpens)
     auto first = std::async(std::launch::async, cycles);
     EXPECT_EQ(0, cycles());
     EXPECT_EQ(0, first.get());
-    EXPECT_EQ(30u, trace.find(2009).size());
+    EXPECT_EQ(30u, concurrent.find(2009).size());
     EXPECT_EQ(0, listedTokens());
 }
 
