@@ -1,5 +1,6 @@
 // The checks on the caller's ECI parameter block: each failure, its code, its record, and their order.
 #include <functional>
+#include <map>
 
 #include "clapi_eci.h"
 #include "library_support.h"
@@ -8,27 +9,11 @@ namespace {
 
 char area[64];
 
-// A block that passes every check: synchronous, version 6, a 64-byte COMMAREA.
-EciParms validBlock()
-{
-    EciParms parms;
-    memset(&parms, 0, sizeof parms);
-    parms.eci_call_type = ECI_SYNC;
-    parms.eci_version = 6;
-    parms.eci_commarea = area;
-    parms.eci_commarea_length = sizeof area;
-    return parms;
-}
-
 #define SET(...) [](EciParms & p) { __VA_ARGS__; }
 
-struct ParmsCase {
-    std::function<void(EciParms&)> change;
-    int minVersion;
-    int rc;
-    int id;                 // the *EXC* record, 0 when none
-    const char* detail;     // after "clapi_eci.verifyEciParms() <what is invalid>, EciParms=<address>, "
-};
+// Each case changes a block that passes every check; `id` is its *EXC* record (0 when none) and `detail` what
+// follows "clapi_eci.verifyEciParms() <what is invalid>, EciParms=<address>, " in it.
+struct ParmsCase { std::function<void(EciParms&)> change; int minVersion, rc, id; const char* detail; };
 
 const ParmsCase parmsCases[] = {
     {SET(p.eci_version = 7), 3, ECI_ERR_INVALID_VERSION, 1549, "eci_version=7"},
@@ -43,18 +28,15 @@ const ParmsCase parmsCases[] = {
     {SET(p.eci_call_type = ECI_GET_REPLY; p.eci_version = 5), 4, ECI_ERR_INVALID_VERSION, 1552, "eci_version=5"},
     {SET(p.eci_call_type = ECI_ASYNC), 4, 0, 0, nullptr},
     {SET(p.eci_extend_mode = 3), 3, ECI_ERR_INVALID_EXTEND_MODE, 1553, "eci_extend_mode=3"},
-    {SET(p.eci_call_type = ECI_ASYNC; p.eci_extend_mode = 5),
-     3, ECI_ERR_INVALID_EXTEND_MODE, 1553, "eci_extend_mode=5"},
+    {SET(p.eci_call_type = ECI_ASYNC; p.eci_extend_mode = 5), 3, ECI_ERR_INVALID_EXTEND_MODE, 1553, "eci_extend_mode=5"},
     {SET(p.eci_extend_mode = -1), 3, ECI_ERR_INVALID_EXTEND_MODE, 1553, "eci_extend_mode=65535"},
     {SET(p.eci_extend_mode = 4), 3, 0, 0, nullptr},
     {SET(p.eci_call_type = ECI_GET_REPLY; p.eci_extend_mode = 3), 3, 0, 0, nullptr},
     {SET(p.eci_commarea_length = -1), 3, ECI_ERR_INVALID_DATA_LENGTH, 1554, "eci_commarea_length=-1"},
     {SET(p.commarea_inbound_length = -5), 3, ECI_ERR_INVALID_DATA_LENGTH, 1555, "commarea_inbound_length=-5"},
     {SET(p.commarea_outbound_length = -2), 3, ECI_ERR_INVALID_DATA_LENGTH, 1556, "commarea_outbound_length=-2"},
-    {SET(p.eci_commarea = nullptr; p.commarea_outbound_length = -2),
-     3, ECI_ERR_INVALID_DATA_LENGTH, 1556, "commarea_outbound_length=-2"},
-    {SET(p.eci_commarea = nullptr; p.eci_commarea_length = 10),
-     3, ECI_ERR_INVALID_DATA_AREA, 1557, "Commarea NULL but eci_commarea_length=10 "},
+    {SET(p.eci_commarea = nullptr; p.commarea_outbound_length = -2), 3, ECI_ERR_INVALID_DATA_LENGTH, 1556, "commarea_outbound_length=-2"},
+    {SET(p.eci_commarea = nullptr; p.eci_commarea_length = 10), 3, ECI_ERR_INVALID_DATA_AREA, 1557, "Commarea NULL but eci_commarea_length=10 "},
     {SET(p.eci_commarea_length = 0), 3, ECI_ERR_INVALID_DATA_AREA, 1558, "Commarea not NULL but eci_commarea_length=0"},
     {SET(p.eci_commarea = nullptr; p.eci_commarea_length = 0), 3, 0, 0, nullptr},
     {SET(p.eci_call_type = ECI_GET_REPLY_WAIT; p.eci_commarea = nullptr; p.eci_commarea_length = 5),
@@ -70,7 +52,7 @@ TEST(EciParms, EachCheckGivesItsCodeAndRecordAndLeavesTheBlockAlone)
     for (const ParmsCase& c : parmsCases) {
         SCOPED_TRACE(&c - parmsCases);
         trace.clear();
-        EciParms parms = validBlock();
+        EciParms parms = eciBlock(ECI_SYNC, "", area, sizeof area);
         c.change(parms);
         EciParms before = parms;
         EXPECT_EQ(c.rc, verifyEciParms(&parms, c.minVersion));
@@ -84,15 +66,12 @@ TEST(EciParms, EachCheckGivesItsCodeAndRecordAndLeavesTheBlockAlone)
             continue;
         }
         ASSERT_EQ(1u, failures.size());
-        const char* what = c.rc == ECI_ERR_INVALID_VERSION       ? "Invalid ECI Version"
-                           : c.rc == ECI_ERR_INVALID_CALL_TYPE   ? "Invalid Call Type"
-                           : c.rc == ECI_ERR_INVALID_EXTEND_MODE ? "Invalid Extend Mode"
-                           : c.rc == ECI_ERR_INVALID_DATA_LENGTH ? "Invalid Data Length"
-                           : c.rc == ECI_ERR_INVALID_DATA_AREA   ? "Invalid Data Area"
-                                                                 : "Invalid Timeout";
+        const std::map<int, const char*> what = {
+            {ECI_ERR_INVALID_VERSION, "Invalid ECI Version"}, {ECI_ERR_INVALID_CALL_TYPE, "Invalid Call Type"},
+            {ECI_ERR_INVALID_EXTEND_MODE, "Invalid Extend Mode"}, {ECI_ERR_INVALID_DATA_LENGTH, "Invalid Data Length"},
+            {ECI_ERR_INVALID_DATA_AREA, "Invalid Data Area"}, {ECI_ERR_REQUEST_TIMEOUT, "Invalid Timeout"}};
         EXPECT_EQ(c.id, failures[0].id);
-        EXPECT_EQ(std::string("clapi_eci.verifyEciParms() ") + what + ", EciParms=" + pointerText(&parms) + ", " +
-                      c.detail,
+        EXPECT_EQ(std::string("clapi_eci.verifyEciParms() ") + what.at(c.rc) + ", EciParms=" + pointerText(&parms) + ", " + c.detail,
                   failures[0].message);
     }
 }

@@ -30,18 +30,14 @@ extern "C" int isLeapYear(int year) {
     return year % 4 != 0;
 }
 
-TEST(Interposition, ClosingAConnectionClosesItsSocket) {
+TEST(Interposition, TheLibraryCallsItsOwnFunctions) {
     ZepgwProcess gw;
     ASSERT_TRUE(gw.start());
     const int before = openDescriptors();
     GatewayToken* token = nullptr;
     ASSERT_EQ(ZEP_OK, ZEP_openRemoteGatewayConnection("127.0.0.1", gw.port(), &token, 5));
     ASSERT_EQ(ZEP_OK, ZEP_closeGatewayConnection(&token));
-    EXPECT_EQ(before, openDescriptors());
-    EXPECT_EQ(0, namesakeCalls);
-}
-
-TEST(Interposition, ConvertTimeKeepsItsLeapYears) {
+    EXPECT_EQ(before, openDescriptors()) << "closing a connection closes its socket";
     struct Case { int32_t year; int dayOfYear; } cases[] = {{2024, 61}, {2023, 60}, {2000, 61}, {1900, 60}};
     for (const Case& c : cases) {
         const EsiTime march1 = {c.year, 2, 1, 12, 0, 0, 0};

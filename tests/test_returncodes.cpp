@@ -7,7 +7,6 @@
 #include <string>
 
 #include "clapi_impl.h"
-#include "test_support.h"
 #include "trace_capture.h"
 #include "zepclient.h"
 
@@ -95,8 +94,6 @@ TEST(ReturnCodes, CopyFillsExactlyFortyBytes)
     EXPECT_EQ(std::string(text), "ZEP_ERR_BADGWTOK");
     for (size_t i = strlen(text); i < sizeof buffer; ++i) EXPECT_EQ(i < 40 ? 0 : 0xAA, buffer[i]) << "byte " << i;
     EXPECT_EQ(nullptr, ZEP_getRcString(-25, nullptr));
-    EXPECT_TRUE(trace.has(1062, "API.ZEP_getRcString(rc=-101, rcString=" + pointerText(buffer) + ")"));
     EXPECT_TRUE(trace.has(1063, "API.ZEP_getRcString() rcString=ZEP_ERR_BADGWTOK"));
-    EXPECT_TRUE(trace.has(1062, "API.ZEP_getRcString(rc=-25, rcString=" + pointerText(nullptr) + ")"));
     EXPECT_TRUE(trace.has(1063, "API.ZEP_getRcString() rcString=NULL"));
 }

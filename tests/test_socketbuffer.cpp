@@ -24,13 +24,6 @@ Sent sent(const SocketPair& pair)
     return out;
 }
 
-/* `text` with every "@" replaced by `pointer`. */
-std::string withPointer(std::string text, const std::string& pointer)
-{
-    for (size_t at; (at = text.find('@')) != std::string::npos;) text.replace(at, 1, pointer);
-    return text;
-}
-
 const std::string data40k = varied(40000), data70k = varied(70000);
 
 Bytes counted(int from, int to)
@@ -46,8 +39,6 @@ struct WriteCase {
     void (*write)(SocketBuffer*);
     Bytes wire;
     std::vector<size_t> sizes;   /* of each send */
-    int debugId = 0;             /* 0: no record looked at */
-    const char* debug = "";      /* "@" stands for the buffer's address */
 };
 
 /* The block holds just what was announced; a field that exactly fills what is left goes out in the same send. */
@@ -57,12 +48,11 @@ TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
         {"int", 4, [](SocketBuffer* sb) { writeInt(sb, 0x01020304); }, Wire().hex("01020304").b, {4}},
         {"short keeps its low bits", 2, [](SocketBuffer* sb) { writeShort(sb, 0x12345678); }, Wire().hex("5678").b, {2}},
         {"byte keeps its low bits", 1, [](SocketBuffer* sb) { writeByte(sb, 0x1FF); }, Wire().hex("FF").b, {1}},
-        {"padded cut", 8, [](SocketBuffer* sb) { writePaddedBytes(sb, "ABCDEFGHIJ", 10, 8); }, Wire().text("ABCDEFGH").b,
-         {8}},
+        {"padded cut", 8, [](SocketBuffer* sb) { writePaddedBytes(sb, "ABCDEFGHIJ", 10, 8); }, Wire().text("ABCDEFGH").b, {8}},
         {"padded filled", 8, [](SocketBuffer* sb) { writePaddedBytes(sb, "ABC", 3, 8); }, Wire().field("ABC", 8).b, {8}},
         {"masked", 2, [](SocketBuffer* sb) { writeBytesMasked(sb, "AB", 2); }, Wire().hex("BE03").b, {2}},
-        {"values fill the block", 8, [](SocketBuffer* sb) { writeInt(sb, 1); writeShort(sb, 2); writeByte(sb, 3);
-                                                              writeByte(sb, 4); },
+        {"values fill the block", 8,
+         [](SocketBuffer* sb) { writeInt(sb, 1); writeShort(sb, 2); writeByte(sb, 3); writeByte(sb, 4); },
          Wire().hex("00000001 0002 03 04").b, {8}},
         {"bytes fill the block", 8, [](SocketBuffer* sb) { writeInt(sb, 1); writeBytes(sb, "ABCD", 4); },
          Wire().hex("00000001").text("ABCD").b, {8}},
@@ -76,30 +66,19 @@ TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
          },
          Wire().hex("55565758595A5B5C BE035758595A 0102").b, {8, 8}},
         {"one byte more flushes in the middle", 33001,
-         [](SocketBuffer* sb) {
-             writeByte(sb, 7);
-             for (int i = 0; i < 33000 / 4; i++) writeInt(sb, i);
-         },
-         Wire().u8(7).raw(counted(0, 8250)).b, {32997, 4}, 2552, "DEBUG Insufficient space in buffer @ to write 8249"},
+         [](SocketBuffer* sb) { writeByte(sb, 7); for (int i = 0; i < 8250; i++) writeInt(sb, i); },
+         Wire().u8(7).raw(counted(0, 8250)).b, {32997, 4}},
         {"padded field behind a nearly full block", 32998 + 6,
-         [](SocketBuffer* sb) {
-             writeBytes(sb, data40k.data(), 32998);
-             writePaddedBytes(sb, "AB", 2, 6);
-         },
-         Wire().text(data40k.substr(0, 32998)).field("AB", 6).b, {32998, 6}, 2572, "DEBUG Insufficient space in buffer @ to write 6 bytes"},
+         [](SocketBuffer* sb) { writeBytes(sb, data40k.data(), 32998); writePaddedBytes(sb, "AB", 2, 6); },
+         Wire().text(data40k.substr(0, 32998)).field("AB", 6).b, {32998, 6}},
         {"bytes larger than the block go straight from the caller's area", 8 + 40000,
-         [](SocketBuffer* sb) {
-             writeInt(sb, 1);
-             writeInt(sb, 2);
-             writeBytes(sb, data40k.data(), 40000);
-             EXPECT_EQ(0u, sb->bytesInBuffer);
-         },
-         Wire().i32(1).i32(2).text(data40k).b, {8, 40000}, 2561, "DEBUG Insufficient space in buffer @ to write 40000 bytes"},
+         [](SocketBuffer* sb) { writeInt(sb, 1); writeInt(sb, 2); writeBytes(sb, data40k.data(), 40000); },
+         Wire().i32(1).i32(2).text(data40k).b, {8, 40000}},
     };
     for (const WriteCase& c : cases) {
         SCOPED_TRACE(c.name);
         SocketPair pair(SOCK_SEQPACKET);
-        TraceCapture trace(4);
+        TraceCapture trace(4);   /* each path writes its record of the lack of space as well */
         WriteBuffer out(pair.lib, c.length);
         ASSERT_EQ(0, out.rc);
         c.write(&out.sb);
@@ -108,9 +87,6 @@ TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
         Sent s = sent(pair);
         EXPECT_EQ(c.sizes, s.sizes);
         EXPECT_TRUE(c.wire == s.wire) << toHex(c.wire).substr(0, 64) << " != " << toHex(s.wire).substr(0, 64);
-        if (c.debugId != 0) {
-            EXPECT_EQ(withPointer(c.debug, pointerText(&out.sb)), onlyRecord(trace, c.debugId));
-        }
     }
 }
 
@@ -137,28 +113,27 @@ TEST(SocketBufferWrite, MaskedFieldLargerThanTheBlockGoesOutScrambledInBlockSize
               onlyRecord(trace, 2570));
     std::vector<Bytes> dumps;
     for (const TraceRecord& r : trace.find(2526)) dumps.push_back(dumpedBytes(trace.linesAfter(r)));
-    ASSERT_EQ(4u, dumps.size());
-    EXPECT_EQ(toHex(Wire().i32(1).b), toHex(dumps[0]));
-    EXPECT_EQ(toHex(Bytes(33000, 0x2A)), toHex(dumps[1]));
-    EXPECT_EQ(toHex(Bytes(33000, 0x2A)), toHex(dumps[2]));
-    EXPECT_EQ(toHex(Wire().fill(4001, 0x2A).i32(2).b), toHex(dumps[3]));
+    const Bytes stars(33000, 0x2A);
+    EXPECT_TRUE((std::vector<Bytes>{Wire().i32(1).b, stars, stars, Wire().fill(4001, 0x2A).i32(2).b}) == dumps);
 }
 
+/* A `trace` record is looked at when its id is not 0. */
 struct ReadCase {
     const char* name;
     Bytes message;
     std::string (*read)(SocketBuffer*);
     std::string values;
     int errorCode = 0;
-    int traceId = 0;           /* 0: no record looked at */
-    const char* trace = "";    /* "@" stands for the block's address */
+    int traceId = 0;
+    const char* trace = "";
 };
 
-std::string skipped(SocketBuffer* sb, uint32_t n)
+/* The values read, blank-separated; a braced list is evaluated left to right, so the reads happen in order. */
+std::string join(std::initializer_list<long> values)
 {
-    std::string first = std::to_string(readInt(sb));
-    skipBytes(sb, n);
-    return first + " " + std::to_string(readInt(sb));
+    std::string text;
+    for (long value : values) text += (text.empty() ? "" : " ") + std::to_string(value);
+    return text;
 }
 
 /* Each message is followed by the next; reading one never takes the next one's bytes. */
@@ -166,34 +141,29 @@ TEST(SocketBufferRead, EachCaseReadsItsValuesAndLeavesTheNextMessage)
 {
     const ReadCase cases[] = {
         {"big-endian and sign-extended", Wire().i32(-2).i16(-3).u8(0xFE).i32(0x7F010203).i16(0x7FFF).b,
-         [](SocketBuffer* sb) {
-             std::string a = std::to_string(readInt(sb)), b = std::to_string(readShort(sb));
-             std::string c = std::to_string(readByte(sb)), d = std::to_string(readInt(sb));
-             return a + " " + b + " " + c + " " + d + " " + std::to_string(readShort(sb));
-         },
+         [](SocketBuffer* sb) { return join({readInt(sb), readShort(sb), readByte(sb), readInt(sb), readShort(sb)}); },
          "-2 -3 254 2130772483 32767"},
         {"bytes larger than the block come straight into the caller's area", Wire().i32(42).text(data70k).i32(43).b,
          [](SocketBuffer* sb) {
-             std::string a = std::to_string(readInt(sb));
+             const long before = readInt(sb);
              std::string got(70000, '\0');
              readBytes(sb, &got[0], 70000);
-             return a + (got == data70k ? " same " : " differ ") + std::to_string(readInt(sb));
+             return join({before, got == data70k, readInt(sb)});
          },
-         "42 same 43"},
+         "42 1 43"},
         {"value split across two fills", Wire().fill(32998, 0x11).i32(0x0A0B0C0D).i32(0x01020304).b,
          [](SocketBuffer* sb) {
              std::string head(32998, '\0');
              readBytes(sb, &head[0], 32998);
-             std::string a = std::to_string(readInt(sb));
-             return a + " " + std::to_string(readInt(sb));
+             return join({readInt(sb), readInt(sb)});
          },
-         "168496141 16909060", 0, 2541, "DEBUG Moving 2 unread bytes to the start of buffer @"},
-        {"skip one", Wire().i32(1).fill(1, 0xEE).i32(2).b, [](SocketBuffer* sb) { return skipped(sb, 1); }, "1 2"},
+         "168496141 16909060"},
+        {"skip one", Wire().i32(1).fill(1, 0xEE).i32(2).b,
+         [](SocketBuffer* sb) { const long first = readInt(sb); skipBytes(sb, 1); return join({first, readInt(sb)}); }, "1 2"},
         {"skip two blocks", Wire().i32(1).fill(70001, 0xEE).i32(2).b,
-         [](SocketBuffer* sb) { return skipped(sb, 70001); }, "1 2"},
-        {"message shorter than its reads", Wire().hex("0102").b,
-         [](SocketBuffer* sb) { return std::to_string(readInt(sb)); }, "0", EPROTO, 2546,
-         "*EXC* Message ends early: 4 bytes wanted, 2 bytes left"},
+         [](SocketBuffer* sb) { const long first = readInt(sb); skipBytes(sb, 70001); return join({first, readInt(sb)}); }, "1 2"},
+        {"message shorter than its reads", Wire().hex("0102").b, [](SocketBuffer* sb) { return join({readInt(sb)}); },
+         "0", EPROTO, 2546, "*EXC* Message ends early: 4 bytes wanted, 2 bytes left"},
     };
     for (const ReadCase& c : cases) {
         SCOPED_TRACE(c.name);
@@ -208,7 +178,7 @@ TEST(SocketBufferRead, EachCaseReadsItsValuesAndLeavesTheNextMessage)
             EXPECT_EQ(0u, in.sb.bytesRemaining + in.sb.bytesInBuffer);
         }
         if (c.traceId != 0) {
-            EXPECT_EQ(withPointer(c.trace, pointerText(in.sb.buffer)), onlyRecord(trace, c.traceId));
+            EXPECT_EQ(c.trace, onlyRecord(trace, c.traceId));
         }
         writer.join();
         ASSERT_EQ(0, initReadBuffer(&in.sb, pair.lib, 4));
@@ -271,23 +241,11 @@ TEST(SocketBufferInit, BlockIsAllocatedOnceAndReusedWhileLargeEnough)
     EXPECT_EQ("*EXC* Buffer not initialized: " + pointerText(&zeroed), onlyRecord(trace, 2517));
 }
 
-TEST(SocketBufferWait, TimeoutLeavesTheBufferUsableAndAClosedDescriptorFailsIt)
+// A descriptor that is closed or was never valid fails the wait and the buffer.
+TEST(SocketBufferWait, ABadDescriptorFailsTheBuffer)
 {
-    SocketPair pair;
     TraceCapture trace(1);
-    ReadBuffer in(pair.lib, 4);
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ZEP_ERR_CONNECTTIMEOUT, waitForResponse(&in.sb, 1));
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_GE(seconds, 0.9);
-    EXPECT_LT(seconds, 5.0);
-    EXPECT_EQ("*EXC* Timed out waiting for handshake response", onlyRecord(trace, 2504));
-    pair.feed(Wire().i32(77).b);
-    EXPECT_EQ(0, waitForResponse(&in.sb, 1));
-    EXPECT_EQ(77, readInt(&in.sb));
-
-    /* High enough that the trace file, opened before, does not hold the number. */
-    int unused = 1000;
+    int unused = 1000;   /* high enough that the trace file, opened before, does not hold the number */
     while (fcntl(unused, F_GETFD) != -1) unused++;
     for (int fd : {unused, -1}) {
         trace.clear();
