@@ -1,9 +1,12 @@
-// zepgw's codec against golden byte images in both directions, its programs and fault modes, and its user and
-// system tables.
+// zepgw's codec against golden byte images in both directions, its programs, its users file, and zepgw against
+// misbehaving clients, signals, the ways it stops by itself, and its command line. The library's suites drive
+// its fault modes and its systems file end to end.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cctype>
+#include <csignal>
+#include <sys/wait.h>
 
 #include "raw_client.h"
 #include "zepgw_process.h"
@@ -57,7 +60,7 @@ Exchange esiExchange(int32_t id, const Bytes& request, const Bytes& reply)
 
 TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
 {
-    TempFile users("# test users\n\nBOBBY SECRET7\nSECOND two2 expired\n");
+    TempFile users("# test users\n\nBOBBY SECRET7\r\nSECOND two2 expired\n");
     start({"--users", users.path()}, "");
     const Bytes hs = hex("47617465 10901000 00000005 FFFFFFFE 00000000 00000004 42415345 00 0000001B"
                          "0002656E 00024742 00000000 00000000 0000 0005 5445535431 0000");
@@ -79,10 +82,13 @@ TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
                          "000007E5 00000000 00000001 00000009 00000000 0000000A 00000000"
                          "000007E7 00000000 00000001 0000000B 00000000 0000001E 00000000"
                          "000007E6 00000000 00000001 0000000A 00000000 00000014 00000000 00000001")},
-        // The users file replaces the built-in users; a kind the Gateway does not know is a system error.
+        // The users file replaces the built-in users; an ESI kind the Gateway does not know is a system error.
         esiExchange(3, esi("SECOND", "two2"), be32(-105)),
         esiExchange(4, esi("ZEPUSER", "ZEPPASS1"), be32(-108)),
         esiExchange(5, esi("BOBBY", "SECRET7", "", 7), be32(-9)),
+        // So is an ECI request of a kind it does not know, with an error flow.
+        {message(1, 6, "ECI", hex("00000005 0000 00 FFFFFFFF 00000001")),
+         hex("47617465 10901000 00000004 00000006 0000F005 00000003 454349 00 00000000")},
         {hex(kClose), hex(kClose)},
     };
     for (const Exchange& e : exchanges) {
@@ -142,62 +148,144 @@ TEST_F(Zepgw, EachProgramRepliesItsWay)
     }
 }
 
-// Fault modes by program name (after a handshake) or by APPLID: everything that comes back, and whether
-// zepgw then ends the connection.
-TEST_F(Zepgw, EachFaultModeAnswersItsWay)
+Bytes withoutLastByte(Bytes b) { b.pop_back(); return b; }
+
+// Each bad client is disconnected with its reason logged, while a good one carries on.
+TEST(ZepgwRobustness, BadInputDisconnectsOnlyItsClient)
 {
-    start();
-    const Bytes hsReply = hex(kHandshakeReply);
-    const auto echo = [](int32_t id, const char* eyecatcher) {
-        return cat({ascii(eyecatcher), hex("10901000 00000003"), be32(id), hex("00000000 00000003 454349 00 00000021"),
-                    eciReply(0, "    ", 7, withData("payload"))});
+    EciCall good{"ECHO    ", std::string(100, 'c')};
+    const EciCall badCount{"ECHO    ", "", 0, 0, "        ", cat({name16("CH"), be32(819), be32(0x7FFFFFFF)})};
+    const char* header = "47617465 10901000 00000001 00000001 00000000 ";
+    const struct { Bytes sent; bool thenStopSending; std::string reason; } cases[] = {
+        {hex("47617466 10901000 00000001 00000001 00000000 00000003 454349 00 00000000"), false, "bad eyecatcher 0x47617466"},
+        {hex(header + std::string("00000003 454349 00 FFFFFFFF")), false, "payload length -1"},
+        {hex(header + std::string("00000003 454349 00 01000001")), false, "payload length 16777217"},
+        {hex(header + std::string("00000000 00 00000000")), false, "request type length 0"},
+        {hex(header + std::string("00000011")), false, "request type length 17"},
+        {hex(header + std::string("FFFFFFFF")), false, "request type length -1"},
+        {message(1, 1, "XYZ", {}), false, "unknown request type 'XYZ'"},
+        {message(3, 1, "ECI", {}), false, "unexpected flow type 3"},
+        {message(1, 1, "ECI", cat({eciPayload(good), hex("00")})), false, "malformed ECI request (payload of 186 bytes)"},
+        {message(1, 1, "ECI", withoutLastByte(eciPayload(good))), false, "malformed ECI request (payload of 184 bytes)"},
+        {eciMessage(1, badCount), false, "malformed ECI request"},
+        {message(1, 1, "ESI", be32(0)), false, "malformed ESI request (payload of 4 bytes)"},
+        {message(5, -2, "BASE", Bytes(10, 0)), false, "malformed handshake (payload of 10 bytes)"},
+        {cat({Wire().header(1, 1, "ECI", 100).b, Bytes(10, 1)}), true, "truncated message: payload of 100 bytes announced"},
+        {hex("47617465 10901000 0000"), true, "truncated header"},
     };
-    const Bytes half = echo(10, "Gate");
-    Bytes badEyeReply = hsReply;
-    std::copy_n("Bad!", 4, badEyeReply.begin());
-    const auto after = [&](const char* program, int32_t id) { return cat({handshake("A"), eciMessage(id, {program, "payload"})}); };
-    const struct { const char* name; Bytes sent, answer; bool closes; } cases[] = {
-        {"FERROR", after("FERROR  ", 5),
-         cat({hsReply, hex("47617465 10901000 00000004 00000005 0000F005 00000003 454349 00 00000000")}), false},
-        {"FEXCEPT", after("FEXCEPT ", 6), cat({hsReply, hex("47617465 10901000 00000006 00000006 00000000 00000003 454349 00"
-                                                            "00000026 00 0023"), ascii("zepgw exception for program FEXCEPT")}), false},
-        {"STRAY", after("STRAY   ", 7), cat({hsReply, echo(1007, "Gate")}), false},
-        {"BADEYE", after("BADEYE  ", 8), cat({hsReply, echo(8, "Bad!")}), false},
-        {"DROP", after("DROP    ", 9), hsReply, true},
-        {"DROPMID", after("DROPMID ", 10), cat({hsReply, Bytes(half.begin(), half.begin() + long(half.size() / 2))}), true},
-        {"GWCLOSE", cat({after("HANG    ", 11), eciMessage(12, {"GWCLOSE "})}), cat({hsReply, hex(kClose)}), true},
-        {"NOHS", cat({handshake("NOHS"), hex(kClose)}), hex(kClose), true},
-        {"HSERR", handshake("HSERR"), hex("47617465 10901000 00000004 FFFFFFFE 0000F005 00000004 42415345 00 00000000"), false},
-        {"HSBADEYE", handshake("HSBADEYE"), badEyeReply, false},
-    };
+    ZepgwProcess gw;
+    ASSERT_TRUE(gw.start());
+    RawClient client;
+    ASSERT_TRUE(client.connect(gw.port()));
+    int conn = 1;
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        ASSERT_TRUE(client.connect(gw.port(), ""));
-        ASSERT_TRUE(client.send(c.sent));
+        SCOPED_TRACE(c.reason);
+        RawClient bad;
+        ASSERT_TRUE(bad.connect(gw.port()));
+        ASSERT_TRUE(bad.send(c.sent));
+        if (c.thenStopSending) bad.endSending();
+        EXPECT_TRUE(bad.waitClosed());
+        EXPECT_NE(gw.log().find("conn " + std::to_string(++conn) + " closed: " + c.reason), std::string::npos) << gw.log();
+    }
+    good.commarea = "still here";
+    Bytes answer;
+    ASSERT_TRUE(client.call(eciMessage(1, good), answer));
+    EXPECT_EQ(toHex(Bytes(answer.end() - 11, answer.end())), toHex(cat({ascii("still here"), hex("00")})));
+    EXPECT_TRUE(gw.stop());
+}
+
+// SIGTERM and SIGINT end zepgw at once with status 0 and close every connection, answered or not.
+TEST(ZepgwRobustness, StopSignalsEndZepgwAndCloseEveryConnection)
+{
+    for (int sig : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(sig);
+        ZepgwProcess gw;
+        ASSERT_TRUE(gw.start());
+        RawClient waiting, delayed;
+        ASSERT_TRUE(waiting.connect(gw.port()) && delayed.connect(gw.port()));
         Bytes answer;
-        if (c.closes) {
-            EXPECT_TRUE(client.waitClosed(&answer));
+        // The echo after each proves the request before it was read.
+        ASSERT_TRUE(waiting.send(eciMessage(1, {"HANG    "})) && waiting.call(eciMessage(2, {}), answer));
+        ASSERT_TRUE(delayed.send(eciMessage(1, {"DELAY   ", "60000"})) && delayed.call(eciMessage(2, {}), answer));
+        ASSERT_TRUE(gw.signal(sig));
+        int status = -1;
+        ASSERT_TRUE(gw.waitExit(5, &status));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        for (RawClient* c : {&waiting, &delayed}) {
+            Bytes rest;
+            EXPECT_TRUE(c->waitClosed(&rest));
+            EXPECT_EQ(toHex(rest), "");
         }
-        for (Bytes one; !c.closes && answer.size() < c.answer.size() && client.read(one);) answer = cat({answer, one});
-        EXPECT_EQ(toHex(answer), toHex(c.answer));
     }
 }
 
-// The system list (kind 9) of a systems file; a request kind the Gateway does not know is refused.
-TEST_F(Zepgw, SystemsFileReplacesTheTable)
+// --idle-exit after the last client has gone, the end of standard input, each with status 0.
+TEST(ZepgwRobustness, EndsByItselfWithStatusZero)
 {
-    TempFile systems("ABC      \tfirst system\n\tno name\r\nNINECHARS\t" + std::string(61, 'd') + "\n");
-    start({"--systems", systems.path()});
-    const auto entry = [](const std::string& name, const std::string& description) {
-        return Wire().text(name).fill(9 - name.size(), ' ').field(description, 61).b;
+    ZepgwProcess idle, orphan;
+    ASSERT_TRUE(idle.start({"--idle-exit", "1"}) && orphan.start());
+    RawClient{}.connect(idle.port());
+    orphan.closeInput();
+    for (ZepgwProcess* gw : {&idle, &orphan}) {
+        int status = -1;
+        ASSERT_TRUE(gw->waitExit(10, &status));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    EXPECT_NE(idle.log().find("no client for 1 seconds"), std::string::npos) << idle.log();
+}
+
+// Help and version, and bad command lines and tables, which stop it at once.
+TEST(ZepgwRobustness, CommandLines)
+{
+    std::string out;
+    int status = -1;
+    ASSERT_TRUE(ZepgwProcess::run({"--help"}, &out, &status));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    for (const char* word : {"--port", "--host", "--idle-exit", "--ping", "--systems", "--users", "--exit-on-stdin-eof",
+                             "-v", "--help", "ECHO", "REVERSE", "UPPER", "SHORT", "ABEND", "FAIL", "DELAY", "HANG", "LUW",
+                             "CHANNEL", "CHANBAD", "OVERSIZE", "WHO", "FERROR", "FEXCEPT", "STRAY", "BADEYE", "DROP",
+                             "DROPMID", "GWCLOSE", "NOHS", "HSERR", "HSBADEYE", "PINGY", "ZEPSYS1", "ZEPUSER", "ALICE",
+                             "EXPIRED"})
+        EXPECT_NE(out.find(word), std::string::npos) << word;
+    ASSERT_TRUE(ZepgwProcess::run({"--version"}, &out, &status));
+    EXPECT_EQ(out, "zepgw 1.0.0\n");
+    const struct { std::vector<std::string> args; std::string fileContent; int status; } cases[] = {
+        {{"--nope"}, "", 2},
+        {{"--port", "65536"}, "", 2},
+        {{"--port", "12x"}, "", 2},
+        {{"--ping"}, "", 2},
+        {{"--idle-exit", "0"}, "", 2},
+        {{"--users", "/nonexistent/zepgw-users"}, "", 1},
+        {{"--users", "@"}, "ONLYONEWORD\n", 1},
+        {{"--users", "@"}, "ELEVENCHARS pw\n", 1},
+        {{"--users", "@"}, "USER pw soon\n", 1},
+        {{"--systems", "@"}, "TENCHARSXY\tdescription\n", 1},
+        {{"--systems", "@"}, "S\t" + std::string(62, 'd') + "\n", 1},
     };
-    const Bytes list = cat({hex("00000009 00000003 00000000 000000D2"), entry("ABC      ", "first system"),
-                            entry("", "no name"), entry("NINECHARS", std::string(61, 'd'))});
+    for (const auto& c : cases) {
+        TempFile file(c.fileContent);
+        std::vector<std::string> args = c.args;
+        if (args.back() == "@") args.back() = file.path();
+        ASSERT_TRUE(ZepgwProcess::run(args, nullptr, &status)) << args[0];
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.status) << args[0] << " " << c.fileContent;
+    }
+}
+
+// Option values after "=", and --ping sending ping flows.
+TEST(ZepgwRobustness, OptionValuesAfterEqualsSignAndPings)
+{
+    TempFile users("EQ eqpass\n");
+    ZepgwProcess gw;
+    ASSERT_TRUE(gw.start({"--users=" + users.path(), "--host=127.0.0.1", "--ping=1"}));
+    RawClient c;
+    ASSERT_TRUE(c.connect(gw.port()));
     Bytes answer;
-    ASSERT_TRUE(client.call(message(1, 3, "ECI", hex("00000009 00000003 0000 00 FFFFFFFF 00000001")), answer));
-    EXPECT_EQ(toHex(answer), toHex(message(3, 3, "ECI", list)));
-    ASSERT_TRUE(client.call(message(1, 4, "ECI", hex("00000005 0000 00 FFFFFFFF 00000001")), answer));
-    EXPECT_EQ(toHex(answer), toHex(hex("47617465 10901000 00000004 00000004 0000F005 00000003 454349 00 00000000")));
+    ASSERT_TRUE(c.call(message(1, 1, "ESI", Wire().i32(0).field("EQ", 10).i32(6).scrambled("eqpass").field("", 8).b), answer));
+    EXPECT_EQ(wordAt(payload(answer), 0), 0);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(c.read(answer));
+        EXPECT_EQ(toHex(answer), "476174651090100000000007000000000000000000000004424153450000000000");
+    }
 }
 
 }  // namespace
