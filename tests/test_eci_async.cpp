@@ -82,14 +82,10 @@ TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
     EXPECT_STREQ("AAA", reply);
 
     // Failed replies leave the COMMAREA untouched; an error flow comes instead of a reply for FERROR.
-    const struct {
-        const char *program, *data;
-        int rc;
-    } failures[] = {{"ABEND", "not for you", ECI_ERR_TRANSACTION_ABEND}, {"FAIL", "rolled back", ECI_ERR_ROLLEDBACK},
-                    {"FERROR", "61450", ZEP_ERR_GATEWAY_BACK_LEVEL}};
+    const struct { const char* program; int rc; } failures[] = {
+        {"ABEND", ECI_ERR_TRANSACTION_ABEND}, {"FAIL", ECI_ERR_ROLLEDBACK}, {"FERROR", ZEP_ERR_GATEWAY_BACK_LEVEL}};
     for (const auto& c : failures) {
-        char data[16] = {};
-        memcpy(data, c.data, strlen(c.data));
+        char data[16] = "61450";
         startCall(tok, c.program, data, sizeof data);
         memset(area, 0xEE, sizeof area);
         EciParms parms = replyBlock(ECI_GET_REPLY_WAIT, 0, area, sizeof area);
@@ -255,11 +251,8 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
     GatewayToken* tok = conn.token();
     TraceCapture trace(4);
     constexpr int kWaiters = 3;
-    struct Waiter {
-        char reply[8] = {};
-        std::future<int> rc;
-    } waiters[kWaiters];
-    for (Waiter& w : waiters)
+    struct { char reply[8] = {}; std::future<int> rc; } waiters[kWaiters];
+    for (auto& w : waiters)
         w.rc = std::async(std::launch::async, [tok, &w] {
             return exec(tok, replyBlock(ECI_GET_REPLY_WAIT, 0, w.reply, sizeof w.reply));
         });
@@ -270,7 +263,7 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
                }) >= kWaiters;
     }));
     auto ready = [&] {
-        return std::count_if(std::begin(waiters), std::end(waiters), [](Waiter& w) {
+        return std::count_if(std::begin(waiters), std::end(waiters), [](auto& w) {
             return w.rc.wait_for(std::chrono::milliseconds(0)) == std::future_status::ready;
         });
     };
@@ -283,7 +276,7 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
         EXPECT_EQ(sent, ready()) << "a waiter returned without a reply of its own";
     }
     std::vector<std::string> got;
-    for (Waiter& w : waiters) {
+    for (auto& w : waiters) {
         EXPECT_EQ(0, w.rc.get());
         got.push_back(w.reply);
     }
