@@ -30,14 +30,9 @@ protected:
 };
 class EciChannel : public EciSync {};
 
-// The abend code and the COMMAREA kept as it was; the lengths; the credentials sent by block version.
-TEST_F(EciSync, AbendLengthsAndCredentials)
+// The COMMAREA lengths, and the credentials sent by block version.
+TEST_F(EciSync, LengthsAndCredentials)
 {
-    char kept[16] = "kept as it was";
-    EciParms abend = eciBlock(ECI_SYNC, "ABEND", kept, sizeof kept);
-    EXPECT_EQ(ECI_ERR_TRANSACTION_ABEND, ZEP_ECI_Execute(tok, &abend));
-    EXPECT_EQ(0, memcmp("ZA01", abend.eci_abend_code, 4));
-    EXPECT_STREQ("kept as it was", kept);
     // Outbound and inbound lengths, capped at the 40-byte area; 8 guard bytes follow it. `echoed`: bytes of the
     // original data that come back, the rest of the 40 being zero.
     const struct { int outbound, inbound, echoed; } lengths[] = {{0, 0, 40}, {0, 10, 10}, {12, 0, 12}, {0, 100, 40}, {300, 0, 40}};
@@ -173,12 +168,7 @@ TEST_F(EciChannel, ChecksServerChangesAndTheLockOnFailure)
     Channel* channel = nullptr;
     ASSERT_EQ(0, ECI_createChannel("CHANGES", &channel));
     char area[8];
-    const struct {
-        int callType, extendMode;
-        Channel* channel;
-        void* commarea;
-        int rc;
-    } checks[] = {
+    const struct { int callType, extendMode; Channel* channel; void* commarea; int rc; } checks[] = {
         {ECI_SYNC, 0, nullptr, nullptr, ECI_ERR_INVALID_CHANNEL}, {ECI_ASYNC, 0, nullptr, nullptr, ECI_ERR_INVALID_CHANNEL},
         {ECI_SYNC, 2, nullptr, nullptr, ECI_ERR_INVALID_CHANNEL}, {ECI_SYNC, 0, nullptr, area, ECI_ERR_INVALID_CHANNEL},
         {ECI_SYNC, 0, channel, area, ECI_ERR_COMMAREA_AND_CHANNEL}, {ECI_GET_REPLY, 0, nullptr, nullptr, ECI_ERR_NO_REPLY},

@@ -18,12 +18,6 @@ inline Bytes message(int32_t flowType, int32_t messageId, const std::string& typ
 {
     return cat({Wire().header(flowType, messageId, type, static_cast<int32_t>(payload.size())).b, payload});
 }
-// What follows the header of a message.
-inline Bytes payload(const Bytes& message)
-{
-    const size_t start = 24 + static_cast<size_t>(wordAt(message, 20)) + 5;
-    return message.size() < start ? Bytes() : Bytes(message.begin() + static_cast<long>(start), message.end());
-}
 // The handshake request with this APPLID.
 inline Bytes handshake(const std::string& applid)
 {
