@@ -25,26 +25,22 @@ inline Bytes handshake(const std::string& applid)
                                        Wire().i16(int32_t(applid.size())).text(applid).i16(0).b}));
 }
 
-// An ECI request of kind 1 as the client library lays it out; program and system are the 8 bytes sent.
-struct EciCall {
-    EciCall(const std::string& program = "ECHO    ", const std::string& commarea = "", int32_t extendMode = 0,
-            int32_t luwToken = 0, const std::string& system = "        ", const Bytes& channel = {})
-        : program(program), commarea(commarea), extendMode(extendMode), luwToken(luwToken), system(system), channel(channel) {}
-    std::string program, commarea;
-    int32_t extendMode, luwToken;
-    std::string system;
-    Bytes channel;  // a whole channel section, or none
-};
-inline Bytes eciPayload(const EciCall& c)
+// An ECI request payload of kind 1 as the client library lays it out; program and system are the 8 bytes sent,
+// channel a whole channel section or none.
+inline Bytes eciPayload(const std::string& program, const std::string& commarea, int32_t extendMode = 0,
+                        int32_t luwToken = 0, const std::string& system = "        ", const Bytes& channel = {})
 {
     Wire w;
-    w.i32(1).i32(c.extendMode).i32(c.luwToken).i32(0).u8(0).i32(8).text(c.system).field("USER1", 16);
-    w.i32(2).scrambled("ab").text(c.program).text("TRN1");
-    w.i32(0).i32(static_cast<int32_t>(c.commarea.size())).u8(0).u8(0).text(c.commarea);
-    if (c.channel.empty()) w.u8(0); else w.u8(0xFF).raw(c.channel);
+    w.i32(1).i32(extendMode).i32(luwToken).i32(0).u8(0).i32(8).text(system).field("USER1", 16);
+    w.i32(2).scrambled("ab").text(program).text("TRN1");
+    w.i32(0).i32(static_cast<int32_t>(commarea.size())).u8(0).u8(0).text(commarea);
+    if (channel.empty()) w.u8(0); else w.u8(0xFF).raw(channel);
     return w.i16(0).u8(0).i32(-1).i32(7).b;
 }
-inline Bytes eciMessage(int32_t messageId, const EciCall& call) { return message(1, messageId, "ECI", eciPayload(call)); }
+inline Bytes eciMessage(int32_t messageId, const std::string& program, const std::string& commarea)
+{
+    return message(1, messageId, "ECI", eciPayload(program, commarea));
+}
 
 class RawClient {
 public:

@@ -3,8 +3,6 @@
 // its fault modes and its systems file end to end.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <sys/wait.h>
 
 #include "raw_client.h"
@@ -69,7 +67,7 @@ TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
                                       "5553455231 0000000000000000000000 00000002 9E03"
                                       "4543484F20202020 54524E31 00000000 00000064 00 00"),
                                   ascii(kAlphabet), hex("00 0000 00 FFFFFFFF 00000007")});
-    ASSERT_EQ(toHex(eciMessage(1, {"ECHO    ", kAlphabet})), toHex(eciRequest));
+    ASSERT_EQ(toHex(eciMessage(1, "ECHO    ", kAlphabet)), toHex(eciRequest));
     const Bytes esiRequest = hex("47617465 10901000 00000001 00000002 00000000 00000003 455349 00 00000021"
                                  "00000000 424F424259 0000000000 00000007 AC160611171163 54455354 00000000");
     ASSERT_EQ(toHex(message(1, 2, "ESI", esi("BOBBY", "SECRET7", "TEST"))), toHex(esiRequest));
@@ -103,57 +101,39 @@ TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
 TEST_F(Zepgw, EachProgramRepliesItsWay)
 {
     start();
-    std::string reversed = kAlphabet, upper = kAlphabet;
-    std::reverse(reversed.begin(), reversed.end());
-    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
     const std::string blank(8, ' ');
-    const Bytes channelIn = cat({name16("MYCHAN"), be32(819), be32(4), container("DELME", "01000001 00000000 00000005", "12345"),
-                                 container("MODX", "01000002 00000333 00000003", "abc"),
-                                 container("GROWY", "01000001 00000000 00000002", "xy"),
-                                 container("KEEP", "01000002 00000333 00000001", "k")});
-    const Bytes channelOut = cat({hex("00 FF"), name16("MYCHAN"), hex("00000333 00000005"),
-                                  container("DELME", "02000001 00000000 00000005", ""),
-                                  container("MODX", "03000002 00000333 00000003", "cba"),
-                                  container("GROWY", "03000001 00000000 00000004", "xyxy"),
-                                  container("KEEP", "04000002 00000333 00000001", ""),
-                                  container("RESULT", "01000002 00000333 0000000C", "containers=4")});
     const Bytes chanbadIn = cat({name16("CH"), be32(1208), be32(1), container("ONE", "01000001 00000000 00000001", "1")});
     const Bytes chanbadOut = cat({hex("00 FF"), name16("CH"), hex("000004B8 00000002"),
                                   container("NOSUCH", "02000002 000004B8 00000000", ""),
                                   container("LATE", "01000002 000004B8 00000004", "late")});
-    const struct { EciCall call; Bytes reply; } cases[] = {
-        {{"ECHO    ", kAlphabet}, eciReply(0, "    ", 100, withData(kAlphabet))},
-        {{"REVERSE ", kAlphabet}, eciReply(0, "    ", 100, withData(reversed))},
-        {{"UPPER   ", kAlphabet}, eciReply(0, "    ", 100, withData(upper))},
-        {{"SHORT   ", kAlphabet}, eciReply(0, "    ", 100, cat({hex("FF 00 00000014"), ascii(kAlphabet.substr(0, 20)), hex("00")}))},
-        {{"ABEND   ", kAlphabet}, eciReply(-7, "ZA01", 100, withData(kAlphabet))},
-        {{"FAIL    ", kAlphabet}, eciReply(-30, "    ", 100, withData(kAlphabet))},
-        {{"NOSUCHPG", kAlphabet}, eciReply(-7, "ZUNK", 100, withData(kAlphabet))},
-        {{"OVERSIZE", kAlphabet}, eciReply(0, "    ", 200, withData(kAlphabet + std::string(100, 'Z')))},
-        {{"ECHO    ", "abc", 3}, eciReply(-2, "    ", 3, noData())},
-        {{"ECHO    ", "xyz", 0, 0, "NOSUCH  "}, eciReply(-22, "    ", 3, noData())},
-        {{"ECHO    ", "xyz", 0, 0, "zepsys1 "}, eciReply(-22, "    ", 3, noData())},
-        {{"ECHO    ", "xyz", 0, 0, std::string("ZEPSYS2\0", 8)}, eciReply(0, "    ", 3, withData("xyz"))},
-        {{"CHANNEL ", "", 0, 0, blank, channelIn}, eciReply(0, "    ", 0, channelOut)},
-        {{"CHANBAD ", "", 0, 0, blank, chanbadIn}, eciReply(0, "    ", 0, chanbadOut)},
-        {{"LUW     ", "....tail", 1, 99}, eciReply(-8, "    ", 8, noData())},   // a unit zepgw does not know
-        {{"CHANNEL ", "abc"}, eciReply(-7, "ZNCH", 3, withData("abc"))},         // no channel sent
+    const struct { Bytes request, reply; } cases[] = {
+        {eciPayload("ECHO    ", kAlphabet), eciReply(0, "    ", 100, withData(kAlphabet))},
+        {eciPayload("SHORT   ", kAlphabet), eciReply(0, "    ", 100, cat({hex("FF 00 00000014"), ascii(kAlphabet.substr(0, 20)), hex("00")}))},
+        {eciPayload("ABEND   ", kAlphabet), eciReply(-7, "ZA01", 100, withData(kAlphabet))},
+        {eciPayload("FAIL    ", kAlphabet), eciReply(-30, "    ", 100, withData(kAlphabet))},
+        {eciPayload("NOSUCHPG", kAlphabet), eciReply(-7, "ZUNK", 100, withData(kAlphabet))},
+        {eciPayload("OVERSIZE", kAlphabet), eciReply(0, "    ", 200, withData(kAlphabet + std::string(100, 'Z')))},
+        {eciPayload("ECHO    ", "abc", 3), eciReply(-2, "    ", 3, noData())},
+        {eciPayload("ECHO    ", "xyz", 0, 0, "NOSUCH  "), eciReply(-22, "    ", 3, noData())},
+        {eciPayload("ECHO    ", "xyz", 0, 0, "zepsys1 "), eciReply(-22, "    ", 3, noData())},
+        {eciPayload("ECHO    ", "xyz", 0, 0, std::string("ZEPSYS2\0", 8)), eciReply(0, "    ", 3, withData("xyz"))},
+        {eciPayload("CHANBAD ", "", 0, 0, blank, chanbadIn), eciReply(0, "    ", 0, chanbadOut)},
+        {eciPayload("LUW     ", "....tail", 1, 99), eciReply(-8, "    ", 8, noData())},   // a unit zepgw does not know
+        {eciPayload("CHANNEL ", "abc"), eciReply(-7, "ZNCH", 3, withData("abc"))},         // no channel sent
     };
     int32_t id = 0;
     for (const auto& c : cases) {
         Bytes answer;
-        ASSERT_TRUE(client.call(eciMessage(++id, c.call), answer));
-        EXPECT_EQ(toHex(answer), toHex(message(3, id, "ECI", c.reply))) << c.call.program;
+        ASSERT_TRUE(client.call(message(1, ++id, "ECI", c.request), answer));
+        EXPECT_EQ(toHex(answer), toHex(message(3, id, "ECI", c.reply))) << "request " << id;
     }
 }
-
-Bytes withoutLastByte(Bytes b) { b.pop_back(); return b; }
 
 // Each bad client is disconnected with its reason logged, while a good one carries on.
 TEST(ZepgwRobustness, BadInputDisconnectsOnlyItsClient)
 {
-    EciCall good{"ECHO    ", std::string(100, 'c')};
-    const EciCall badCount{"ECHO    ", "", 0, 0, "        ", cat({name16("CH"), be32(819), be32(0x7FFFFFFF)})};
+    const Bytes good = eciPayload("ECHO    ", std::string(100, 'c'));
+    const Bytes badCount = eciPayload("ECHO    ", "", 0, 0, "        ", cat({name16("CH"), be32(819), be32(0x7FFFFFFF)}));
     const char* header = "47617465 10901000 00000001 00000001 00000000 ";
     const struct { Bytes sent; bool thenStopSending; std::string reason; } cases[] = {
         {hex("47617466 10901000 00000001 00000001 00000000 00000003 454349 00 00000000"), false, "bad eyecatcher 0x47617466"},
@@ -164,9 +144,9 @@ TEST(ZepgwRobustness, BadInputDisconnectsOnlyItsClient)
         {hex(header + std::string("FFFFFFFF")), false, "request type length -1"},
         {message(1, 1, "XYZ", {}), false, "unknown request type 'XYZ'"},
         {message(3, 1, "ECI", {}), false, "unexpected flow type 3"},
-        {message(1, 1, "ECI", cat({eciPayload(good), hex("00")})), false, "malformed ECI request (payload of 186 bytes)"},
-        {message(1, 1, "ECI", withoutLastByte(eciPayload(good))), false, "malformed ECI request (payload of 184 bytes)"},
-        {eciMessage(1, badCount), false, "malformed ECI request"},
+        {message(1, 1, "ECI", cat({good, hex("00")})), false, "malformed ECI request (payload of 186 bytes)"},
+        {message(1, 1, "ECI", Bytes(good.begin(), good.end() - 1)), false, "malformed ECI request (payload of 184 bytes)"},
+        {message(1, 1, "ECI", badCount), false, "malformed ECI request"},
         {message(1, 1, "ESI", be32(0)), false, "malformed ESI request (payload of 4 bytes)"},
         {message(5, -2, "BASE", Bytes(10, 0)), false, "malformed handshake (payload of 10 bytes)"},
         {cat({Wire().header(1, 1, "ECI", 100).b, Bytes(10, 1)}), true, "truncated message: payload of 100 bytes announced"},
@@ -186,9 +166,8 @@ TEST(ZepgwRobustness, BadInputDisconnectsOnlyItsClient)
         EXPECT_TRUE(bad.waitClosed());
         EXPECT_NE(gw.log().find("conn " + std::to_string(++conn) + " closed: " + c.reason), std::string::npos) << gw.log();
     }
-    good.commarea = "still here";
     Bytes answer;
-    ASSERT_TRUE(client.call(eciMessage(1, good), answer));
+    ASSERT_TRUE(client.call(eciMessage(1, "ECHO    ", "still here"), answer));
     EXPECT_EQ(toHex(Bytes(answer.end() - 11, answer.end())), toHex(cat({ascii("still here"), hex("00")})));
     EXPECT_TRUE(gw.stop());
 }
