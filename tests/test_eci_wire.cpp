@@ -92,11 +92,6 @@ TEST(EciRequestFlow, SizeEqualsTheBytesWrittenForEveryCombination)
         EXPECT_EQ("00000005", toHex(Bytes(wire.end() - 4, wire.end()))) << "combination " << n;
     }
     EXPECT_EQ(0, ECI_deleteChannel(&channel));
-    SocketPair pair;
-    pair.closePeer();
-    ProgramCall call(10);
-    FlowHeader header = requestHeader(1, ECI_REQUEST_NAME);
-    EXPECT_EQ(ZEP_ERR_LOSTGWCON, clapiFlowECIRequest(pair.lib, &header, &call.request));
 }
 
 /* ---- Replies ---- */
