@@ -24,9 +24,12 @@ uint32_t startCall(GatewayToken* tok, const char* program, void* area, int lengt
     return parms.eci_message_qualifier;
 }
 
-std::string sleepingText(GatewayToken* tok)
+// Threads asleep on the token's reply event, by the trace.
+long sleepers(const TraceCapture& trace, GatewayToken* tok)
 {
-    return "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
+    const std::string text = "clapi_lock.clapiWaitEvent() Waiting on event, eventPtr=" + pointerText(&tok->asyncReplyEvent);
+    const std::vector<TraceRecord> waits = trace.find(3119);
+    return std::count_if(waits.begin(), waits.end(), [&](const TraceRecord& r) { return r.message == text; });
 }
 
 TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
@@ -118,7 +121,7 @@ TEST(EciAsync, WaitingCollectorsEndWhenTheConnectionIsLost)
             char reply[8];
             return exec(tok, replyBlock(q ? ECI_GET_SPECIFIC_REPLY_WAIT : ECI_GET_REPLY_WAIT, q, reply, sizeof reply));
         });
-        ASSERT_TRUE(pollUntil([&] { return trace.has(3119, sleepingText(tok)); }));
+        ASSERT_TRUE(pollUntil([&] { return sleepers(trace, tok) > 0; }));
         EXPECT_EQ(ZEP_ERR_LOSTGWCON, exec(tok, eciBlock(ECI_SYNC, "DROP", area, sizeof area)));
         ASSERT_EQ(std::future_status::ready, waiter.wait_for(seconds(5)));
         EXPECT_EQ(ZEP_ERR_LOSTGWCON, waiter.get());
@@ -202,7 +205,7 @@ TEST(EciAsync, SpecificWaitLearnsThatAnotherCallTookItsReply)
             char reply[8];
             result.set_value(exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, q, reply, sizeof reply)));
         });
-        EXPECT_TRUE(pollUntil([&] { return trace.has(3119, sleepingText(tok)); }));
+        EXPECT_TRUE(pollUntil([&] { return sleepers(trace, tok) > 0; }));
         freezer.store(0);
         pthread_kill(waiter.native_handle(), SIGUSR1);
         EXPECT_TRUE(pollUntil([] { return freezer.load() == 1; }));
@@ -241,12 +244,7 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
         w.rc = std::async(std::launch::async, [tok, &w] {
             return exec(tok, replyBlock(ECI_GET_REPLY_WAIT, 0, w.reply, sizeof w.reply));
         });
-    ASSERT_TRUE(pollUntil([&] {   // every waiter has gone to sleep
-        const std::vector<TraceRecord> waits = trace.find(3119);
-        return std::count_if(waits.begin(), waits.end(), [&](const TraceRecord& r) {
-                   return r.message == sleepingText(tok);
-               }) >= kWaiters;
-    }));
+    ASSERT_TRUE(pollUntil([&] { return sleepers(trace, tok) >= kWaiters; }));
     auto ready = [&] {
         return std::count_if(std::begin(waiters), std::end(waiters), [](auto& w) {
             return w.rc.wait_for(std::chrono::milliseconds(0)) == std::future_status::ready;
