@@ -3,6 +3,7 @@
 // its fault modes and its systems file end to end.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <sys/wait.h>
 
 #include "raw_client.h"
@@ -167,19 +168,26 @@ TEST(ZepgwRobustness, BadInputDisconnectsOnlyItsClient)
     EXPECT_TRUE(gw.stop());
 }
 
-// --idle-exit after the last client has gone, the end of standard input, each with status 0.
+// --idle-exit after the last client has gone, the end of standard input, and SIGINT (as SIGTERM) at once with a
+// request still unanswered: each ends zepgw with status 0.
 TEST(ZepgwRobustness, EndsByItselfWithStatusZero)
 {
-    ZepgwProcess idle, orphan;
-    ASSERT_TRUE(idle.start({"--idle-exit", "1"}) && orphan.start());
+    ZepgwProcess idle, orphan, interrupted;
+    ASSERT_TRUE(idle.start({"--idle-exit", "1"}) && orphan.start() && interrupted.start());
     RawClient{}.connect(idle.port());
     orphan.closeInput();
-    for (ZepgwProcess* gw : {&idle, &orphan}) {
+    RawClient hanging;
+    Bytes answer;
+    // The echo after the HANG proves that zepgw has read it.
+    ASSERT_TRUE(hanging.connect(interrupted.port()) && hanging.send(eciMessage(1, "HANG    ", "")));
+    ASSERT_TRUE(hanging.call(eciMessage(2, "ECHO    ", ""), answer) && interrupted.signal(SIGINT));
+    for (ZepgwProcess* gw : {&idle, &orphan, &interrupted}) {
         int status = -1;
         ASSERT_TRUE(gw->waitExit(10, &status));
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     }
     EXPECT_NE(idle.log().find("no client for 1 seconds"), std::string::npos) << idle.log();
+    EXPECT_TRUE(hanging.waitClosed());
 }
 
 // Help and version, and bad command lines and tables, which stop it at once.
