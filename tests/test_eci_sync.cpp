@@ -30,38 +30,14 @@ protected:
 };
 class EciChannel : public EciSync {};
 
-TEST_F(EciSync, ProgramsLengthsAndCredentials)
+// The COMMAREA lengths, and the credentials sent by block version.
+TEST_F(EciSync, LengthsAndCredentials)
 {
-    const struct {
-        const char *program, *input, *output;
-        int rc;
-        const char* abend;   // zepgw sends blanks for none
-    } programs[] = {
-        {"ECHO", "Hello, Gateway!", "Hello, Gateway!", 0, "    "},
-        {"REVERSE", "abcdefghijklmnop", "ponmlkjihgfedcba", 0, "    "},
-        {"UPPER", "mixed Case 123 text", "MIXED CASE 123 TEXT", 0, "    "},
-        {"ABEND", "kept as it was", "kept as it was", ECI_ERR_TRANSACTION_ABEND, "ZA01"},
-        {"FAIL", "rolled back", "rolled back", ECI_ERR_ROLLEDBACK, "    "},
-        {"NOSUCH", "who am i", "who am i", ECI_ERR_TRANSACTION_ABEND, "ZUNK"},
-    };
-    for (const auto& c : programs) {
-        char area[64];
-        const int n = static_cast<int>(strlen(c.input));
-        memcpy(area, c.input, n);
-        EciParms parms = eciBlock(ECI_SYNC, c.program, area, n);
-        memcpy(parms.eci_abend_code, "xxxx", 4);
-        EXPECT_EQ(c.rc, ZEP_ECI_Execute(tok, &parms)) << c.program;
-        EXPECT_EQ(std::string(c.output), std::string(area, n));
-        EXPECT_EQ(0, memcmp(c.abend, parms.eci_abend_code, 4)) << c.program;
-    }
-    // Outbound and inbound lengths, capped at the 40-byte area; 8 guard bytes follow it.
-    const struct {
-        int outbound, inbound;
-        int echoed;   // bytes of the original data that come back; the rest of the 40 are zero
-    } lengths[] = {{0, 0, 40}, {0, 10, 10}, {12, 0, 12}, {0, 100, 40}, {300, 0, 40}};
+    // Outbound and inbound lengths, capped at the 40-byte area; 8 guard bytes follow it. `echoed`: bytes of the
+    // original data that come back, the rest of the 40 being zero.
+    const struct { int outbound, inbound, echoed; } lengths[] = {{0, 0, 40}, {0, 10, 10}, {12, 0, 12}, {0, 100, 40}, {300, 0, 40}};
+    const std::string sent = "abcdefghijklmnopqrstuvwxyzabcdefghijklmn";
     for (const auto& c : lengths) {
-        std::string sent(40, ' ');
-        for (int i = 0; i < 40; ++i) sent[i] = static_cast<char>('a' + i % 26);
         char buffer[48];
         memset(buffer, 0xEE, sizeof buffer);
         memcpy(buffer, sent.data(), 40);
@@ -72,13 +48,11 @@ TEST_F(EciSync, ProgramsLengthsAndCredentials)
         EXPECT_EQ(sent.substr(0, c.echoed) + std::string(40 - c.echoed, '\0') + std::string(8, '\xEE'),
                   std::string(buffer, 48)) << c.outbound << " " << c.inbound;
     }
-    // The credentials sent by block version, and the alternative transaction id (any non-zero byte counts).
-    const struct {
-        int version;
-        const char *user, *password, *altTransid, *shown;
-    } who[] = {
+    // Versions 5 and 6 send the pointed-to credentials; 16 bytes without a terminator go out whole; any non-zero
+    // byte of the alternative transaction id counts.
+    const struct { int version; const char *user, *password, *altTransid, *shown; } who[] = {
         {4, "ARRAYUSER", "ARRAYPW", nullptr, "user=ARRAYUSER password=ARRAYPW transid=TRN1 system=ZEPSYS2 kind=1 timeout=17"},
-        {3, "ABCDEFGHIJKLMNOP", "0123456789abcdef", nullptr,   // 16 bytes without a terminator go out whole
+        {3, "ABCDEFGHIJKLMNOP", "0123456789abcdef", nullptr,
          "user=ABCDEFGHIJKLMNOP password=0123456789abcdef transid=TRN1 system=ZEPSYS2 kind=1 timeout=17"},
         {5, "ARRAYUSER", "ARRAYPW", nullptr, "user=pointeduser password=pointedpw transid=TRN1 system=ZEPSYS2 kind=1 "},
         {6, "ARRAYUSER", "ARRAYPW", nullptr, "user=pointeduser password=pointedpw transid=TRN1 system=ZEPSYS2 kind=1 "},
@@ -194,12 +168,7 @@ TEST_F(EciChannel, ChecksServerChangesAndTheLockOnFailure)
     Channel* channel = nullptr;
     ASSERT_EQ(0, ECI_createChannel("CHANGES", &channel));
     char area[8];
-    const struct {
-        int callType, extendMode;
-        Channel* channel;
-        void* commarea;
-        int rc;
-    } checks[] = {
+    const struct { int callType, extendMode; Channel* channel; void* commarea; int rc; } checks[] = {
         {ECI_SYNC, 0, nullptr, nullptr, ECI_ERR_INVALID_CHANNEL}, {ECI_ASYNC, 0, nullptr, nullptr, ECI_ERR_INVALID_CHANNEL},
         {ECI_SYNC, 2, nullptr, nullptr, ECI_ERR_INVALID_CHANNEL}, {ECI_SYNC, 0, nullptr, area, ECI_ERR_INVALID_CHANNEL},
         {ECI_SYNC, 0, channel, area, ECI_ERR_COMMAREA_AND_CHANNEL}, {ECI_GET_REPLY, 0, nullptr, nullptr, ECI_ERR_NO_REPLY},
