@@ -27,13 +27,9 @@ Outcome zepcall(int port, const std::string& args, const std::string& prefix = "
     return {r.status, r.output, TraceCapture::readFile(err.path())};
 }
 
-struct Case {
-    const char* prefix;  // environment settings or a pipe in front of zepcall
-    const char* args;
-    int status;
-    const char* out;     // a part of standard output
-    const char* err;     // a part of standard error
-};
+// Environment settings or a pipe in front of zepcall, its arguments, exit status, and a part of standard output
+// and of standard error each.
+struct Case { const char *prefix, *args; int status; const char *out, *err; };
 
 // In order: the user table changes on the way.
 const Case kCases[] = {
@@ -84,12 +80,14 @@ const Case kCases[] = {
     {"", "call UPPER --put A=b", 2, "", "containers go into a channel: give --channel NAME"},
     {"", "call PROGRAMLONG", 2, "", "a program name has 1 to 8 characters"},
     {"", "systems --hex", 2, "", "--hex is not an option of systems"},
+    {"", "--trace 9 systems", 2, "", "bad value for --trace: '9' (0 to 5)"},
     {"", "bench -n 5 -d 1", 2, "", "give -n or -d, not both"},
     {"", "call UPPER --file /nonexistent/data", 1, "", "zepcall: /nonexistent/data: No such file or directory\n"},
     {"", "call CHANNEL --channel 'A B'", 4, "", "ECI_ERR_INVALID_NAME (-51): a channel or container name"},
     {"", "--version", 0, "zepcall 1.0.0\nzepclient library 9.1.0.4 (API 2.3.0.0)\n", ""},
     {"", "--help", 0, "Usage: zepcall [global options] COMMAND", ""},
     {"", "call --help", 0, "Usage: zepcall [global options] call PROGRAM [DATA]", ""},
+    {"", "bench --help", 0, "Usage: zepcall [global options] bench", ""},
 };
 
 TEST(Zepcall, CommandsGiveTheirOutputAndExitStatus)

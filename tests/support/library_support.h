@@ -58,10 +58,7 @@ inline EciParms replyBlock(int callType, uint32_t qualifier, void* commarea, int
 
 // A field of the packed parameter block as a value: the assertion macros must not bind references to it.
 template <typename T>
-T copyOf(T value)
-{
-    return value;
-}
+T copyOf(T value) { return value; }
 
 inline int openGateway(const ZepgwProcess& gw, GatewayToken** tok, const char* applid = "",
                        unsigned int connTimeout = 10)
@@ -80,10 +77,7 @@ public:
         }
         EXPECT_EQ(0, openGateway(gw_, &token_));
     }
-    ~GatewayConnection()
-    {
-        if (token_ != nullptr) ZEP_closeGatewayConnection(&token_);
-    }
+    ~GatewayConnection() { if (token_ != nullptr) ZEP_closeGatewayConnection(&token_); }
     GatewayConnection(const GatewayConnection&) = delete;
     GatewayConnection& operator=(const GatewayConnection&) = delete;
 
@@ -258,10 +252,7 @@ struct TestBuffer {
         memset(&sb, 0, sizeof sb);
         rc = reading ? initReadBuffer(&sb, fd, length) : initWriteBuffer(&sb, fd, length);
     }
-    ~TestBuffer()
-    {
-        if (sb.buffer != NULL) freeBuffer(&sb);
-    }
+    ~TestBuffer() { if (sb.buffer != NULL) freeBuffer(&sb); }
     SocketBuffer sb;
     int rc;
 };

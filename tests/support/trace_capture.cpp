@@ -112,10 +112,7 @@ std::vector<std::string> TraceCapture::linesAfter(const TraceRecord& record) con
     return result;
 }
 
-void TraceCapture::clear() const
-{
-    if (truncate(path_.c_str(), 0) != 0) perror("truncate");
-}
+void TraceCapture::clear() const { if (truncate(path_.c_str(), 0) != 0) perror("truncate"); }
 
 StderrCapture::StderrCapture() : dir_(makeTempDir()), path_(dir_ + "/stderr.log") {
     fflush(stderr);

@@ -204,7 +204,4 @@ TempFile::TempFile(const std::string& content)
     std::ofstream(path_, std::ios::binary) << content;
 }
 
-TempFile::~TempFile()
-{
-    if (!path_.empty()) ::unlink(path_.c_str());
-}
+TempFile::~TempFile() { if (!path_.empty()) ::unlink(path_.c_str()); }
