@@ -220,14 +220,12 @@ public:
     Bytes take(size_t n = 0, double seconds = 5) const
     {
         Bytes out;
-        bool ended = false;
         const bool inTime = pollUntil([&] {
             uint8_t chunk[65536];
             const size_t want = n == 0 || n - out.size() > sizeof chunk ? sizeof chunk : n - out.size();
             const ssize_t got = recv(peer, chunk, want, MSG_DONTWAIT);
-            ended = got == 0 || (got < 0 && errno != EAGAIN);
             if (got > 0) out.insert(out.end(), chunk, chunk + got);
-            return ended || (n != 0 && out.size() >= n);
+            return got == 0 || (got < 0 && errno != EAGAIN) || (n != 0 && out.size() >= n);
         }, seconds);
         if (!inTime) ADD_FAILURE() << "the library side sent " << out.size() << " bytes and then nothing in time";
         return out;
