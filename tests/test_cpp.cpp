@@ -41,7 +41,6 @@ TEST_F(Cpp, ErrorsCarryTheReturnCodeItsNameAndTheAbendCode)
         {[&] { zep::Connection("127.0.0.1", gw.port(), 3601s); }, ZEP_ERR_INVALIDTIMEOUTPARM, "ZEP_ERR_INVALIDTIMEOUTPARM", ""},
         {[&] { zep::Connection("127.0.0.1", gw.port(), 5s, "NINECHARS"); }, ZEP_ERR_APPLIDTOOLONG, "ZEP_ERR_APPLIDTOOLONG", ""},
         {[&] { conn.call("ABEND", "x"); }, ECI_ERR_TRANSACTION_ABEND, "ECI_ERR_TRANSACTION_ABEND", "ZA01"},
-        {[&] { conn.call("CHANNEL", "no channel"); }, ECI_ERR_TRANSACTION_ABEND, "ECI_ERR_TRANSACTION_ABEND", "ZNCH"},
         {[&] { conn.callAsync("FAIL", "x").get(); }, ECI_ERR_ROLLEDBACK, "ECI_ERR_ROLLEDBACK", ""},
         {[&] { conn.call("ECHO", "x", unknownSystem); }, ECI_ERR_UNKNOWN_SERVER, "ECI_ERR_UNKNOWN_SERVER", ""},
         {[&] { conn.call("PROGRAM99", "x"); }, ECI_ERR_INVALID_NAME, "ECI_ERR_INVALID_NAME", ""},
@@ -50,7 +49,6 @@ TEST_F(Cpp, ErrorsCarryTheReturnCodeItsNameAndTheAbendCode)
         {[&] { zep::setTraceLevel(6); }, ZEP_ERR_TRACELEVEL, "ZEP_ERR_TRACELEVEL", ""},
         {[&] { zep::setTraceFile("/nonexistent/dir/trace"); }, ZEP_ERR_TRACEFILE, "ZEP_ERR_TRACEFILE", ""},
         {[&] { conn.verifyPassword("ZEPUSER", "WRONG"); }, ESI_ERR_PASSWORD_INVALID, "ESI_ERR_PASSWORD_INVALID", ""},
-        {[&] { conn.verifyPassword("EXPIRED", "OLDPASS1"); }, ESI_ERR_PASSWORD_EXPIRED, "ESI_ERR_PASSWORD_EXPIRED", ""},
         {[&] { ch.get("MISSING"); }, ECI_ERR_CONTAINER_NOTFOUND, "ECI_ERR_CONTAINER_NOTFOUND", ""},
         {[&] { zep::Channel{"bad name"}; }, ECI_ERR_INVALID_NAME, "ECI_ERR_INVALID_NAME", ""},
     };
@@ -128,8 +126,8 @@ TEST_F(Cpp, DroppedRepliesNeitherLeakNorBlockTheEnd)
     EXPECT_EQ(ZEP_getApplid(token, &applid), ZEP_ERR_BADGWTOK);
     TraceCapture trace(0);
     ZEP_dumpState();
-    EXPECT_NE(trace.text().find("The Gateway Token List is EMPTY\n"), std::string::npos) << trace.text();
-    EXPECT_NE(trace.text().find("The channel list is EMPTY\n"), std::string::npos) << trace.text();
+    for (const char* empty : {"The Gateway Token List is EMPTY\n", "The channel list is EMPTY\n"})
+        EXPECT_NE(trace.text().find(empty), std::string::npos) << trace.text();
 }
 
 TEST_F(Cpp, MovedFromObjectsAreHarmless)

@@ -2,6 +2,7 @@
 #include "library_support.h"
 
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -52,24 +53,19 @@ TEST(Flows, ReadHeaderKeepsTheStreamInStep)
         const Bytes message = Wire().header(3, 4, c.type, 4, -9).i32(0x11223344).b;
         std::thread writer([&] { pair.feed(message); pair.feed(Wire().header(7, 5, "ECI", 0).b); });
         EXPECT_EQ(0, clapiReadHeader(&in.sb, &header));
-        EXPECT_EQ(FLOW_EYECATCHER, header.eyecatcher);
-        EXPECT_EQ(FLOW_VERSION, header.version);
-        EXPECT_EQ(3, header.flowType);
-        EXPECT_EQ(4, header.messageId);
-        EXPECT_EQ(-9, header.returnCode);
-        EXPECT_EQ(static_cast<int32_t>(c.type.size()), header.requestTypeLength);
+        const int32_t typeLength = static_cast<int32_t>(c.type.size());
+        EXPECT_EQ(std::make_tuple(FLOW_EYECATCHER, FLOW_VERSION, 3, 4, -9, typeLength, 0, 4),
+                  std::make_tuple(header.eyecatcher, header.version, header.flowType, header.messageId,
+                                  header.returnCode, header.requestTypeLength, int(header.flags), header.payloadLength));
         EXPECT_EQ(0, memcmp(header.requestType, c.stored, strlen(c.stored) + 1));
         EXPECT_EQ(0, header.requestType[5]);
-        EXPECT_EQ(0, header.flags);
-        EXPECT_EQ(4, header.payloadLength);
         if (c.type.size() == 3) { EXPECT_EQ(0u, in.sb.bytesRemaining + in.sb.bytesInBuffer) << "read as 32 bytes"; }
         in.sb.bytesRemaining += static_cast<uint32_t>(header.payloadLength) - in.sb.bytesInBuffer;
         EXPECT_EQ(0, fillBuffer(&in.sb));
         EXPECT_EQ(0x11223344, readInt(&in.sb));
         writer.join();
         EXPECT_EQ(0, clapiReadHeader(&in.sb, &header));
-        EXPECT_EQ(7, header.flowType);
-        EXPECT_EQ(5, header.messageId);
+        EXPECT_EQ(std::make_pair(7, 5), std::make_pair(header.flowType, header.messageId));
     }
 }
 

@@ -38,11 +38,10 @@ struct Rounds {
     bool next() { return left-- > 0 && Clock::now() < until; }
 };
 
-EciParms eci(int callType, const char* program, Channel* channel = nullptr, uint32_t qualifier = 0)
+EciParms eci(int callType, const char* program, Channel* channel = nullptr)
 {
     EciParms p = eciBlock(callType, program);
     p.eci_channel = channel;
-    p.eci_message_qualifier = qualifier;
     return p;
 }
 
@@ -129,7 +128,7 @@ TEST(Races, ErrorFlowsForASlotWhoseBlockIsFreedMeanwhile)
         ASSERT_EQ(0, ZEP_ECI_Execute(tok, &p));
         ASSERT_EQ(17, gw.nextRequest());
         gw.send(burst);
-        EciParms get = eci(ECI_GET_SPECIFIC_REPLY_WAIT, "", nullptr, 17);
+        EciParms get = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, 17, nullptr, 0);
         ASSERT_EQ(kFlowRc, ZEP_ECI_Execute(tok, &get));
     }
     gw.hangUp();
@@ -150,7 +149,7 @@ TEST(Races, ErrorFlowsReachOnlyRequestsThatWereSent)
     });
     std::thread collector([&] {
         while (sending) {
-            EciParms get = eci(ECI_GET_REPLY, "");
+            EciParms get = replyBlock(ECI_GET_REPLY, 0, nullptr, 0);
             const int rc = ZEP_ECI_Execute(tok, &get);
             if (rc == kFlowRc) collected++;
             else if (rc != ECI_ERR_NO_REPLY) ADD_FAILURE() << "collected " << rc;
@@ -278,14 +277,14 @@ TEST(Races, ReplyWaitersRacingTheGatewaysCloseFlowLeaveNoCloseWaiting)
         std::vector<std::thread> waiters;
         for (int i = 1; i <= kWaiters; i++) {
             waiters.emplace_back([&, i] {
-                EciParms get = eci(ECI_GET_SPECIFIC_REPLY_WAIT, "", nullptr, static_cast<uint32_t>(i));
+                EciParms get = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, i, nullptr, 0);
                 waitRc[i] = ZEP_ECI_Execute(tok, &get);
             });
         }
         gw.send(errorFlows(kWaiters + 1, 1) + kCloseFlow);
         for (std::thread& waiter : waiters) waiter.join();
         for (int i = 1; i <= kWaiters; i++) EXPECT_EQ(ZEP_ERR_GATEWAY_CLOSED, waitRc[i]) << i;
-        EciParms answered = eci(ECI_GET_SPECIFIC_REPLY, "", nullptr, kWaiters + 1);
+        EciParms answered = replyBlock(ECI_GET_SPECIFIC_REPLY, kWaiters + 1, nullptr, 0);
         EXPECT_EQ(kFlowRc, ZEP_ECI_Execute(tok, &answered));
         closeEnds(&tok);
     }

@@ -13,19 +13,14 @@
 
 namespace {
 
-// A dump line's hex, padded to its 35 columns, then " : " and the characters.
-std::string padded(const char* text)
+// A dump line: the address, the hex padded to its 35 columns, then " : " and the characters.
+std::string dumpLine(const void* address, const char* text)
 {
+    char start[32];
+    snprintf(start, sizeof start, "0x%8.8lX: ", static_cast<unsigned long>(reinterpret_cast<uintptr_t>(address)));
     std::string hex(text, strstr(text, " : ") - text);
     hex.resize(35, ' ');
-    return hex + strstr(text, " : ");
-}
-
-std::string addressOf(const void* address)
-{
-    char text[32];
-    snprintf(text, sizeof text, "0x%8.8lX: ", static_cast<unsigned long>(reinterpret_cast<uintptr_t>(address)));
-    return text;
+    return start + hex + strstr(text, " : ");
 }
 
 TEST(TraceRecordLayout, FieldsOfAnEntryRecord)
@@ -33,21 +28,17 @@ TEST(TraceRecordLayout, FieldsOfAnEntryRecord)
     TraceCapture trace(3);
     char* version = nullptr;
     ASSERT_EQ(0, ZEP_getDLLVersion(&version));
-    std::vector<TraceRecord> entries = trace.find(1032);
-    ASSERT_EQ(1u, entries.size());
-    char message[64];
-    snprintf(message, sizeof message, "API.ZEP_getDLLVersion(dllVersPtr=%p)", static_cast<void*>(&version));
-    EXPECT_EQ(message, entries[0].message);
-    // The raw line: "dd/mm/yy hh:mm:ss:mmm", pid and tid as 8 upper-case hex digits, the id in four digits, the
-    // type padded to six characters and one blank before the message.
-    char expected[256];
-    snprintf(expected, sizeof expected, " [0x%8.8X,0x%8.8X] [1032] ENTRY  %s", static_cast<unsigned>(getpid()),
-             static_cast<unsigned>(static_cast<uintptr_t>(pthread_self())), message);
-    const std::string line = trace.lines()[entries[0].line];
-    EXPECT_EQ(expected, line.substr(21));
-    char stamp[32];
+    ASSERT_EQ(1u, trace.find(1032).size());
+    // "dd/mm/yy hh:mm:ss:mmm", pid and tid as 8 upper-case hex digits, the id in four digits, the type padded to
+    // six characters and one blank before the message.
+    char expected[256], stamp[32];
+    snprintf(expected, sizeof expected, " [0x%8.8X,0x%8.8X] [1032] ENTRY  API.ZEP_getDLLVersion(dllVersPtr=%p)",
+             static_cast<unsigned>(getpid()), static_cast<unsigned>(static_cast<uintptr_t>(pthread_self())),
+             static_cast<void*>(&version));
     const time_t now = time(nullptr);
     strftime(stamp, sizeof stamp, "%d/%m/%y %H:", localtime(&now));
+    const std::string line = trace.lines()[trace.find(1032)[0].line];
+    EXPECT_EQ(expected, line.substr(21));
     EXPECT_EQ(std::string(stamp).substr(0, 9), line.substr(0, 9));   // the date; ":mm:ss:mmm" follows the hour
 }
 
@@ -104,24 +95,20 @@ TEST(StorageDump, LimitOffsetAndLineLayout)
         {128, 0, 0, 0, 0, nullptr, nullptr},
     };
     TraceCapture trace(0);
-    std::vector<uint8_t> area(300);
-    for (size_t i = 0; i < area.size(); ++i) area[i] = static_cast<uint8_t>(i);
+    uint8_t area[300];
+    for (size_t i = 0; i < sizeof area; ++i) area[i] = static_cast<uint8_t>(i);
     for (const auto& c : cases) {
         ASSERT_EQ(0, ZEP_setAPITraceDataLength(c.limit));
         ASSERT_EQ(0, ZEP_setAPITraceDataOffset(c.offset));
         trace.clear();
         const std::string header = "Data truncation size=" + std::to_string(c.limit) + ", offset=" + std::to_string(c.offset);
         SCOPED_TRACE(header);
-        EXPECT_EQ(c.shown, clapiTraceOutStorage(area.data(), c.length, 0, 16, 1));
+        EXPECT_EQ(c.shown, clapiTraceOutStorage(area, c.length, 0, 16, 1));
         std::vector<std::string> lines = trace.lines();
         ASSERT_EQ(c.lines + 1, lines.size());
         EXPECT_EQ(header, lines[0]);
-        if (c.first != nullptr) {
-            EXPECT_EQ(addressOf(area.data() + c.offset) + padded(c.first), lines[1]);
-        }
-        if (c.last != nullptr) {
-            EXPECT_EQ(addressOf(area.data() + c.offset + 16 * (c.lines - 1)) + padded(c.last), lines.back());
-        }
+        if (c.first != nullptr) { EXPECT_EQ(dumpLine(area + c.offset, c.first), lines[1]); }
+        if (c.last != nullptr) { EXPECT_EQ(dumpLine(area + c.offset + 16 * (c.lines - 1), c.last), lines.back()); }
     }
 }
 

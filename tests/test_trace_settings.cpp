@@ -13,6 +13,8 @@
 
 namespace {
 
+using Texts = std::vector<std::string>;
+
 // Only the given variables are set when the library initialises.
 void setEnvironment(const std::vector<std::pair<const char*, std::string>>& settings)
 {
@@ -21,24 +23,22 @@ void setEnvironment(const std::vector<std::pair<const char*, std::string>>& sett
     for (const auto& s : settings) setenv(s.first, s.second.c_str(), 1);
 }
 
-// The banner's two lines, the first with its 8 hex digits of time left out.
-std::string banner(const std::vector<std::string>& lines, size_t at)
+// The banner's two lines at the start of `lines`, the first with its 8 hex digits of time left out, against
+// the banner of `level` and `destination`.
+void expectBanner(const Texts& lines, int level, const std::string& destination)
 {
-    if (lines.size() < at + 2 || lines[at].size() < 12) return "<no banner at line " + std::to_string(at) + ">";
-    return lines[at].substr(0, 3) + lines[at].substr(12) + "|" + lines[at + 1];
-}
-
-std::string expectedBanner(int level, const std::string& destination)
-{
-    return "*** QUILLON ZEPClient DLL trace V9.1.0.4 API Version 2.3.0.0 Build Level k910-20231012-1355 ***|"
-           "*** Trace Level = " + std::to_string(level) + ", Trace File = " + destination + ", " +
-           std::to_string(ZEP_FLAVOUR_BITS) + "-bit ***";
+    ASSERT_GE(lines.size(), 2u);
+    ASSERT_GE(lines[0].size(), 12u);
+    EXPECT_EQ("*** QUILLON ZEPClient DLL trace V9.1.0.4 API Version 2.3.0.0 Build Level k910-20231012-1355 ***|"
+              "*** Trace Level = " + std::to_string(level) + ", Trace File = " + destination + ", " +
+                  std::to_string(ZEP_FLAVOUR_BITS) + "-bit ***",
+              lines[0].substr(0, 3) + lines[0].substr(12) + "|" + lines[1]);
 }
 
 // "id message" of every record.
-std::vector<std::string> texts(const std::vector<TraceRecord>& records)
+Texts texts(const std::vector<TraceRecord>& records)
 {
-    std::vector<std::string> out;
+    Texts out;
     for (const TraceRecord& r : records) out.push_back(std::to_string(r.id) + " " + r.message);
     return out;
 }
@@ -58,8 +58,8 @@ TEST_P(InvalidEnvironmentLevel, TurnsTracingOffAfterOneRecord)
     StderrCapture err;
     EXPECT_EQ(0, currentLevel());
     EXPECT_EQ(1u, err.lines().size()) << err.text();
-    EXPECT_EQ(std::vector<std::string>{"1075 clapi_impl.clapiSetAPITraceLevelFromEnv() Supplied trace environment value " +
-                                       std::string(GetParam()) + " was invalid"},
+    EXPECT_EQ(Texts{"1075 clapi_impl.clapiSetAPITraceLevelFromEnv() Supplied trace environment value " +
+                    std::string(GetParam()) + " was invalid"},
               texts(err.records()));
 }
 
@@ -70,7 +70,7 @@ TEST(EnvironmentLevel, ValidLevelWritesTheBannerOnceToStandardError)
     setEnvironment({{"ZEP_CLIENT_TRACE_LEVEL", "3"}});
     StderrCapture err;
     EXPECT_EQ(3, currentLevel());
-    EXPECT_EQ(expectedBanner(3, "stderr"), banner(err.lines(), 0));
+    expectBanner(err.lines(), 3, "stderr");
     std::vector<int> ids;
     for (const TraceRecord& r : err.records()) ids.push_back(r.id);
     EXPECT_EQ((std::vector<int>{1066, 1071, 1035, 1037}), ids);
@@ -82,8 +82,8 @@ TEST(EnvironmentFile, UnopenableFileLeavesTheDestination)
     setEnvironment({{"ZEP_CLIENT_TRACE_LEVEL", "1"}, {"ZEP_CLIENT_TRACE_FILE", missing}});
     StderrCapture err;
     EXPECT_EQ(ZEP_ERR_NULLPTR, ZEP_getDLLVersion(nullptr));
-    EXPECT_EQ(expectedBanner(1, "stderr"), banner(err.lines(), 0));
-    std::vector<std::string> records = texts(err.records());
+    expectBanner(err.lines(), 1, "stderr");
+    Texts records = texts(err.records());
     ASSERT_EQ(2u, records.size()) << err.text();
     EXPECT_EQ("1074 clapi_impl.clapiSetAPITraceFileFromEnv(" + missing +
                   ") file append failed with errno=2. Trace file destination is unchanged. Filename=stderr",
@@ -110,15 +110,15 @@ TEST_P(EnvironmentLimit, AppliesTheNumberAtTheStartToTheFileNamed)
     setEnvironment({{"ZEP_CLIENT_TRACE_LEVEL", "4"}, {"ZEP_CLIENT_TRACE_FILE", file}, {c.variable, c.value}});
     ASSERT_EQ(4, currentLevel());
     const std::string prefix = "clapi_impl.clapiSetAPITraceParamsFromEnv() ";
-    std::vector<std::string> expected = {"clapi_impl.clapiSetAPITraceFileFromEnv() Trace file switched to new destination. "
-                                         "Filename=" + file, prefix + "Environment variable " + c.variable + "=" + c.value}, seen;
+    Texts expected = {"clapi_impl.clapiSetAPITraceFileFromEnv() Trace file switched to new destination. Filename=" + file,
+                      prefix + "Environment variable " + c.variable + "=" + c.value}, seen;
     if (c.setRecord != nullptr) expected.push_back(prefix + c.setRecord);
     for (const TraceRecord& r : TraceCapture::parse(TraceCapture::readFile(file)))
         if (r.id == 1072 || (r.id >= 1067 && r.id <= 1070)) seen.push_back(r.message);
     EXPECT_EQ(expected, seen);
     uint8_t area[200] = {};
     clapiTraceOutStorage(area, sizeof area, 0, 16, 1);
-    std::vector<std::string> lines = TraceCapture::splitLines(TraceCapture::readFile(file));
+    Texts lines = TraceCapture::splitLines(TraceCapture::readFile(file));
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), c.header)) << c.header;
     ZEP_setAPITraceLevel(0);
     remove(file.c_str());
@@ -141,9 +141,9 @@ TEST(SetTraceLevel, RefusesOtherValuesAndKeepsTheLevel)
         trace.clear();
         EXPECT_EQ(ZEP_ERR_TRACELEVEL, ZEP_setAPITraceLevel(value)) << value;
         std::string v = std::to_string(value);
-        EXPECT_EQ((std::vector<std::string>{"1038 API.ZEP_setAPITraceLevel(traceState=" + v + ") Current trace level=3",
-                                            "1039 API.ZEP_setAPITraceLevel() Supplied trace state value " + v + " was invalid",
-                                            "1040 API.ZEP_setAPITraceLevel() rc=-104 (ZEP_ERR_TRACELEVEL) New trace level=3"}),
+        EXPECT_EQ((Texts{"1038 API.ZEP_setAPITraceLevel(traceState=" + v + ") Current trace level=3",
+                         "1039 API.ZEP_setAPITraceLevel() Supplied trace state value " + v + " was invalid",
+                         "1040 API.ZEP_setAPITraceLevel() rc=-104 (ZEP_ERR_TRACELEVEL) New trace level=3"}),
                   texts(trace.records()));
         EXPECT_EQ("*EXC*", trace.find(1039).at(0).type);
         EXPECT_EQ(3, currentLevel());
@@ -160,26 +160,25 @@ TEST(SetTraceFile, SwitchToAFileAndBackAndRefuseAnUnopenableOne)
         TraceCapture trace(-1);
         path = trace.path();
         ASSERT_EQ(0, trace.fileRc());
-        EXPECT_EQ(expectedBanner(4, trace.path()), banner(trace.lines(), 0));
-        EXPECT_TRUE(trace.has(1042, "API.ZEP_setAPITraceFile() Trace file switched to new destination. Filename=" + trace.path()));
-        EXPECT_TRUE(trace.has(1045, "API.ZEP_setAPITraceFile() rc=0 (ZEP_OK) New trace destination=" + trace.path()));
+        expectBanner(trace.lines(), 4, path);
+        EXPECT_TRUE(trace.has(1042, "API.ZEP_setAPITraceFile() Trace file switched to new destination. Filename=" + path));
+        EXPECT_TRUE(trace.has(1045, "API.ZEP_setAPITraceFile() rc=0 (ZEP_OK) New trace destination=" + path));
         const std::string missing = trace.dir() + "/missing/x.log";
         trace.clear();
         EXPECT_EQ(ZEP_ERR_TRACEFILE, ZEP_setAPITraceFile(missing.c_str()));
         EXPECT_EQ("API.ZEP_setAPITraceFile(" + missing + ") file append failed with errno=2. Trace file destination is "
-                  "unchanged. Filename=" + trace.path(), trace.find(1044).at(0).message);
+                  "unchanged. Filename=" + path, trace.find(1044).at(0).message);
         trace.clear();
         ASSERT_EQ(0, ZEP_setAPITraceFile(nullptr));
-        EXPECT_EQ(std::vector<std::string>{"1041 API.ZEP_setAPITraceFile(traceFile=NULL) Current trace destination=" +
-                                           trace.path()}, texts(trace.records()));
+        EXPECT_EQ(Texts{"1041 API.ZEP_setAPITraceFile(traceFile=NULL) Current trace destination=" + path},
+                  texts(trace.records()));
     }
     // Standard error had the records before the switch, and gets the banner again and the rest of the records.
-    std::vector<std::string> lines = err.lines(), records = texts(err.records());
+    Texts lines = err.lines(), records = texts(err.records());
     EXPECT_EQ(2, std::count_if(lines.begin(), lines.end(), [](const std::string& l) { return l.find(" QUILLON ZEPClient") == 12; }));
-    EXPECT_NE(records.end(), std::find(records.begin(), records.end(), "1041 API.ZEP_setAPITraceFile(traceFile=" + path +
-                                                                        ") Current trace destination=stderr"));
-    EXPECT_NE(records.end(), std::find(records.begin(), records.end(),
-                                       "1045 API.ZEP_setAPITraceFile() rc=0 (ZEP_OK) New trace destination=stderr"));
+    for (const std::string& record : {"1041 API.ZEP_setAPITraceFile(traceFile=" + path + ") Current trace destination=stderr",
+                                      std::string("1045 API.ZEP_setAPITraceFile() rc=0 (ZEP_OK) New trace destination=stderr")})
+        EXPECT_NE(records.end(), std::find(records.begin(), records.end(), record)) << record;
 }
 
 }  // namespace

@@ -1,71 +1,28 @@
 // Load against zepgw answering out of order: many callers on one connection, many asynchronous requests
 // outstanding, many opens and closes. Run by .ci/run; ZEP_STRESS_SCALE (default 1) scales the counts.
-#include <gtest/gtest.h>
-
 #include <dirent.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <mutex>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "zepclient.h"
-#include "zepgw_process.h"
+#include "library_support.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 int scaled(int count)
 {
     const char* scale = getenv("ZEP_STRESS_SCALE");
-    double factor = scale != nullptr ? atof(scale) : 1.0;
-    return std::max(1, static_cast<int>(count * factor));
+    return std::max(1, static_cast<int>(count * (scale != nullptr ? atof(scale) : 1.0)));
 }
-
-double secondsSince(Clock::time_point start)
-{
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-EciParms call(int callType, const char* program, char* area, int length)
-{
-    EciParms parms;
-    memset(&parms, 0, sizeof parms);
-    parms.eci_version = 6;
-    parms.eci_call_type = static_cast<int16_t>(callType);
-    memset(parms.eci_program_name, ' ', 8);
-    memcpy(parms.eci_program_name, program, strlen(program));
-    parms.eci_commarea = area;
-    parms.eci_commarea_length = static_cast<int16_t>(length);
-    return parms;
-}
-
-// How many calls of many threads failed, and the first of them.
-struct Failures {
-    void add(const std::string& what)
-    {
-        std::lock_guard<std::mutex> hold(lock);
-        if (count++ == 0) first = what;
-    }
-    std::mutex lock;
-    int count = 0;
-    std::string first;
-};
 
 class Stress : public ::testing::Test {
 protected:
     void SetUp() override
     {
         ASSERT_TRUE(gw_.start({"--jitter", "2"}));
-        ASSERT_EQ(0, ZEP_openRemoteGatewayConnection("127.0.0.1", gw_.port(), &tok_, 10));
+        ASSERT_EQ(0, openGateway(gw_, &tok_));
     }
     void TearDown() override
     {
@@ -76,28 +33,29 @@ protected:
     GatewayToken* tok_ = nullptr;
 };
 
-// Every tenth call abends; the others come back reversed. Each caller checks only what is its own.
-void callerLoop(GatewayToken* tok, int thread, int calls, Failures* failures)
+// Every tenth call abends; the others come back reversed. Each caller checks only what is its own; only the
+// first failure of all callers is reported.
+void callerLoop(GatewayToken* tok, int thread, int calls, std::atomic<int>* failures)
 {
     for (int i = 0; i < calls; ++i) {
         const std::string text = "thread " + std::to_string(thread) + " call " + std::to_string(i);
         char area[32];
         memcpy(area, text.data(), text.size());
         const bool abend = i % 10 == 0;
-        EciParms parms = call(ECI_SYNC, abend ? "ABEND" : "REVERSE", area, static_cast<int>(text.size()));
+        EciParms parms = eciBlock(ECI_SYNC, abend ? "ABEND" : "REVERSE", area, static_cast<int>(text.size()));
         const int rc = ZEP_ECI_Execute(tok, &parms);
         const std::string expected = abend ? text : std::string(text.rbegin(), text.rend());
-        const bool ok = rc == (abend ? ECI_ERR_TRANSACTION_ABEND : 0) &&
-                        std::string(area, text.size()) == expected &&
+        const bool ok = rc == (abend ? ECI_ERR_TRANSACTION_ABEND : 0) && std::string(area, text.size()) == expected &&
                         memcmp(parms.eci_abend_code, abend ? "ZA01" : "    ", 4) == 0;
-        if (!ok) failures->add(text + ": rc " + std::to_string(rc) + ", data " + std::string(area, text.size()));
+        if (!ok && (*failures)++ == 0)
+            ADD_FAILURE() << text << ": rc " << rc << ", data " << std::string(area, text.size());
     }
 }
 
 TEST_F(Stress, SixtyFourCallersShareOneConnection)
 {
     const int threads = 64, calls = scaled(10000);
-    Failures failures;
+    std::atomic<int> failures{0};
     auto start = Clock::now();
     std::vector<std::thread> callers;
     for (int t = 0; t < threads; ++t) callers.emplace_back(callerLoop, tok_, t, calls, &failures);
@@ -105,7 +63,7 @@ TEST_F(Stress, SixtyFourCallersShareOneConnection)
     double seconds = secondsSince(start);
     printf("stress: %d threads x %d synchronous calls in %.1f s: %.0f calls/s\n", threads, calls, seconds,
            threads * calls / seconds);
-    EXPECT_EQ(0, failures.count) << failures.first;
+    EXPECT_EQ(0, failures.load());
 }
 
 TEST_F(Stress, FiveHundredAsynchronousRequestsCollectedByQualifierInRandomOrder)
@@ -116,23 +74,21 @@ TEST_F(Stress, FiveHundredAsynchronousRequestsCollectedByQualifierInRandomOrder)
     for (int i = 0; i < requests; ++i) {
         char area[16];
         int length = snprintf(area, sizeof area, "async %05d", i);
-        EciParms parms = call(ECI_ASYNC, "REVERSE", area, length);
+        EciParms parms = eciBlock(ECI_ASYNC, "REVERSE", area, length);
         ASSERT_EQ(0, ZEP_ECI_Execute(tok_, &parms)) << i;
-        std::string reversed(area, (size_t)length);
-        std::reverse(reversed.begin(), reversed.end());
-        sent.emplace_back(parms.eci_message_qualifier, reversed);
+        sent.emplace_back(parms.eci_message_qualifier, std::string(std::make_reverse_iterator(area + length),
+                                                                   std::make_reverse_iterator(area)));
     }
     double sending = secondsSince(start);
     std::shuffle(sent.begin(), sent.end(), std::mt19937(std::random_device{}()));
     for (const auto& [qualifier, expected] : sent) {
         char area[16] = {0};
-        EciParms parms = call(ECI_GET_SPECIFIC_REPLY_WAIT, "", area, sizeof area);
-        parms.eci_message_qualifier = qualifier;
+        EciParms parms = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, qualifier, area, sizeof area);
         ASSERT_EQ(0, ZEP_ECI_Execute(tok_, &parms)) << qualifier;
         ASSERT_EQ(expected, std::string(area, expected.size())) << qualifier;
     }
     char area[16];
-    EciParms none = call(ECI_GET_REPLY, "", area, sizeof area);
+    EciParms none = replyBlock(ECI_GET_REPLY, 0, area, sizeof area);
     EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(tok_, &none));
     printf("stress: %d asynchronous requests sent in %.3f s, all collected in %.3f s\n", requests, sending,
            secondsSince(start));
@@ -148,17 +104,6 @@ int entriesOf(const char* directory)
     return count;
 }
 
-// The receiver thread signals its end just before it returns; give its exit a moment to show.
-bool settlesAt(int fds, int tasks)
-{
-    auto deadline = Clock::now() + std::chrono::seconds(10);
-    while (entriesOf("/proc/self/fd") != fds || entriesOf("/proc/self/task") != tasks) {
-        if (Clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
 TEST_F(Stress, OpenAndCloseLeaveNoDescriptorOrThread)
 {
     const int cycles = scaled(1000);
@@ -166,15 +111,16 @@ TEST_F(Stress, OpenAndCloseLeaveNoDescriptorOrThread)
     auto start = Clock::now();
     for (int i = 0; i < cycles; ++i) {
         GatewayToken* tok = nullptr;
-        ASSERT_EQ(0, ZEP_openRemoteGatewayConnection("127.0.0.1", gw_.port(), &tok, 10)) << i;
+        ASSERT_EQ(0, openGateway(gw_, &tok)) << i;
         char area[8] = "cycle";
-        EciParms parms = call(ECI_SYNC, "UPPER", area, sizeof area);
-        ASSERT_EQ(0, ZEP_ECI_Execute(tok, &parms)) << i;
+        ASSERT_EQ(0, callProgram(tok, "UPPER", area, sizeof area)) << i;
         ASSERT_EQ(0, ZEP_closeGatewayConnection(&tok)) << i;
     }
     double seconds = secondsSince(start);
-    EXPECT_TRUE(settlesAt(fds, tasks)) << "descriptors " << fds << " -> " << entriesOf("/proc/self/fd")
-                                       << ", threads " << tasks << " -> " << entriesOf("/proc/self/task");
+    // The receiver thread signals its end just before it returns; give its exit a moment to show.
+    EXPECT_TRUE(pollUntil([&] { return entriesOf("/proc/self/fd") == fds && entriesOf("/proc/self/task") == tasks; }))
+        << "descriptors " << fds << " -> " << entriesOf("/proc/self/fd") << ", threads " << tasks << " -> "
+        << entriesOf("/proc/self/task");
     printf("stress: %d open/call/close cycles in %.1f s (%.1f ms each); %d descriptors and %d threads before and "
            "after\n", cycles, seconds, 1000 * seconds / cycles, fds, tasks);
 }

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -40,9 +41,8 @@ inline EciParms eciBlock(int callType, const char* program, void* commarea = nul
     memset(&parms, 0, sizeof parms);
     parms.eci_version = 6;
     parms.eci_call_type = static_cast<int16_t>(callType);
-    const size_t n = strlen(program);
     memset(parms.eci_program_name, ' ', sizeof parms.eci_program_name);
-    memcpy(parms.eci_program_name, program, n < 8 ? n : 8);
+    memcpy(parms.eci_program_name, program, std::min<size_t>(strlen(program), 8));
     parms.eci_commarea = commarea;
     parms.eci_commarea_length = static_cast<int16_t>(length);
     return parms;
@@ -58,10 +58,7 @@ inline EciParms replyBlock(int callType, uint32_t qualifier, void* commarea, int
 
 // A field of the packed parameter block as a value: the assertion macros must not bind references to it.
 template <typename T>
-T copyOf(T value)
-{
-    return value;
-}
+T copyOf(T value) { return value; }
 
 inline int openGateway(const ZepgwProcess& gw, GatewayToken** tok, const char* applid = "",
                        unsigned int connTimeout = 10)
@@ -80,10 +77,7 @@ public:
         }
         EXPECT_EQ(0, openGateway(gw_, &token_));
     }
-    ~GatewayConnection()
-    {
-        if (token_ != nullptr) ZEP_closeGatewayConnection(&token_);
-    }
+    ~GatewayConnection() { if (token_ != nullptr) ZEP_closeGatewayConnection(&token_); }
     GatewayConnection(const GatewayConnection&) = delete;
     GatewayConnection& operator=(const GatewayConnection&) = delete;
 
@@ -226,20 +220,14 @@ public:
     Bytes take(size_t n = 0, double seconds = 5) const
     {
         Bytes out;
-        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-        while (n == 0 || out.size() < n) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-            struct pollfd p = {peer, POLLIN, 0};
-            if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
-                ADD_FAILURE() << "the library side sent " << out.size() << " bytes and then nothing in time";
-                break;
-            }
+        const bool inTime = pollUntil([&] {
             uint8_t chunk[65536];
             const size_t want = n == 0 || n - out.size() > sizeof chunk ? sizeof chunk : n - out.size();
-            const ssize_t got = recv(peer, chunk, want, 0);
-            if (got <= 0) break;
-            out.insert(out.end(), chunk, chunk + got);
-        }
+            const ssize_t got = recv(peer, chunk, want, MSG_DONTWAIT);
+            if (got > 0) out.insert(out.end(), chunk, chunk + got);
+            return got == 0 || (got < 0 && errno != EAGAIN) || (n != 0 && out.size() >= n);
+        }, seconds);
+        if (!inTime) ADD_FAILURE() << "the library side sent " << out.size() << " bytes and then nothing in time";
         return out;
     }
     // Everything already sent to the peer, without waiting for more.
@@ -250,38 +238,24 @@ public:
         for (ssize_t got; (got = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;) out.insert(out.end(), chunk, chunk + got);
         return out;
     }
-    // Sizes of the records already sent over a SOCK_SEQPACKET pair, one per send.
-    std::vector<size_t> records() const
-    {
-        std::vector<size_t> sizes;
-        static uint8_t chunk[70000];
-        for (ssize_t got; (got = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;) sizes.push_back(static_cast<size_t>(got));
-        return sizes;
-    }
     int lib = -1;
     int peer = -1;
 };
 
 // A read or write buffer on the library side, set up for a message of `length` bytes.
+template <bool reading>
 struct TestBuffer {
-    TestBuffer(int fd, uint32_t length, bool reading)
+    TestBuffer(int fd, uint32_t length)
     {
         memset(&sb, 0, sizeof sb);
         rc = reading ? initReadBuffer(&sb, fd, length) : initWriteBuffer(&sb, fd, length);
     }
-    ~TestBuffer()
-    {
-        if (sb.buffer != NULL) freeBuffer(&sb);
-    }
+    ~TestBuffer() { if (sb.buffer != NULL) freeBuffer(&sb); }
     SocketBuffer sb;
     int rc;
 };
-struct ReadBuffer : TestBuffer {
-    ReadBuffer(int fd, uint32_t length) : TestBuffer(fd, length, true) {}
-};
-struct WriteBuffer : TestBuffer {
-    WriteBuffer(int fd, uint32_t length) : TestBuffer(fd, length, false) {}
-};
+using ReadBuffer = TestBuffer<true>;
+using WriteBuffer = TestBuffer<false>;
 
 // The header a request writer is handed: FLOW_REQUEST, its message id and request type name.
 inline FlowHeader requestHeader(int32_t messageId, const char* requestType)

@@ -2,6 +2,9 @@
 #ifndef ZEP_RUN_COMMAND_H
 #define ZEP_RUN_COMMAND_H
 
+#include <sys/wait.h>
+
+#include <cstdio>
 #include <string>
 
 struct CommandResult {
@@ -9,6 +12,16 @@ struct CommandResult {
     std::string output;
 };
 
-CommandResult runCommand(const std::string& command);
+inline CommandResult runCommand(const std::string& command)
+{
+    CommandResult result{-1, ""};
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return result;
+    char buffer[4096];
+    for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.output.append(buffer, got);
+    const int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
 
 #endif

@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -53,6 +54,8 @@ public:
         });
         struct pollfd ready = {listener_, POLLIN, 0};
         if (poll(&ready, 1, 10000) == 1) peer_ = accept(listener_, nullptr, nullptr);
+        const struct timeval tenSeconds = {10, 0};
+        setsockopt(peer_, SOL_SOCKET, SO_RCVTIMEO, &tenSeconds, sizeof tenSeconds);
         int32_t flowType = 0;
         if (peer_ >= 0 && nextRequest(&flowType) == MSGID_HANDSHAKE && flowType == FLOW_HANDSHAKE)
             send(header(FLOW_HANDSHAKE, MSGID_HANDSHAKE, "BASE", 0, 0));
@@ -95,18 +98,8 @@ public:
 private:
     static int32_t at(const uint8_t* bytes, size_t offset) { return wordAt(Bytes(bytes + offset, bytes + offset + 4), 0); }
 
-    bool take(uint8_t* into, size_t length)
-    {
-        while (length > 0) {
-            struct pollfd ready = {peer_, POLLIN, 0};
-            if (poll(&ready, 1, 10000) != 1) return false;
-            ssize_t got = recv(peer_, into, length, 0);
-            if (got <= 0) return false;
-            into += got;
-            length -= static_cast<size_t>(got);
-        }
-        return true;
-    }
+    // Waits at most 10 s for the whole of it (the receive time-out is set on accepting).
+    bool take(uint8_t* into, size_t length) { return recv(peer_, into, length, MSG_WAITALL) == static_cast<ssize_t>(length); }
 
     int listener_ = -1, peer_ = -1, port_ = 0;
 };

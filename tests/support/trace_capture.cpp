@@ -1,15 +1,15 @@
 #include "trace_capture.h"
 
+#include <fcntl.h>
+#include <ftw.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <cctype>
-
-#include <fcntl.h>
-#include <ftw.h>
-#include <unistd.h>
 
 #include "../../include/zepclient.h"
 
@@ -18,13 +18,9 @@ namespace {
 std::string makeTempDir() {
     const char* base = getenv("TMPDIR");
     std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/zeptrace.XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (mkdtemp(buffer.data()) == nullptr) {
-        perror("mkdtemp");
-        abort();
-    }
-    return buffer.data();
+    if (mkdtemp(&pattern[0]) != nullptr) return pattern;
+    perror("mkdtemp");
+    abort();
 }
 
 void removeTree(const std::string& dir) {
@@ -47,7 +43,7 @@ bool matchesShape(const std::string& text, size_t at, const char* pattern) {
 
 TraceCapture::TraceCapture(int level) : dir_(makeTempDir()), path_(dir_ + "/trace.log") {
     fileRc_ = ZEP_setAPITraceFile(path_.c_str());
-    if (level >= 0) levelRc_ = ZEP_setAPITraceLevel(level);
+    if (level >= 0) ZEP_setAPITraceLevel(level);
 }
 
 TraceCapture::~TraceCapture() {
@@ -61,8 +57,6 @@ std::string TraceCapture::readFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-std::string TraceCapture::text() const { return readFile(path_); }
-
 std::vector<std::string> TraceCapture::splitLines(const std::string& text) {
     std::vector<std::string> result;
     for (size_t start = 0, end; start < text.size(); start = end + 1) {
@@ -72,17 +66,13 @@ std::vector<std::string> TraceCapture::splitLines(const std::string& text) {
     return result;
 }
 
-std::vector<std::string> TraceCapture::lines() const { return splitLines(text()); }
-
-
 // "dd/mm/yy hh:mm:ss:mmm [0xPPPPPPPP,0xTTTTTTTT] [iiii] TYPE__ message"; the id has at least four digits.
 bool TraceCapture::parseRecord(const std::string& line, TraceRecord* record) {
     static const char stampAndIds[] = "dd/dd/dd dd:dd:dd:ddd [0xXXXXXXXX,0xXXXXXXXX] [dddd";
     if (!matchesShape(line, 0, stampAndIds)) return false;
     size_t idEnd = sizeof stampAndIds - 1;
-    while (idEnd < line.size() && line[idEnd] >= '0' && line[idEnd] <= '9') ++idEnd;
+    while (idEnd < line.size() && isdigit(static_cast<unsigned char>(line[idEnd]))) ++idEnd;
     if (!matchesShape(line, idEnd, "] ") || line.size() < idEnd + 2 + 7 || line[idEnd + 2 + 6] != ' ') return false;
-    record->timestamp = line.substr(0, 21);
     record->pid = static_cast<uint32_t>(std::stoul(line.substr(25, 8), nullptr, 16));
     record->tid = static_cast<uint32_t>(std::stoul(line.substr(36, 8), nullptr, 16));
     record->id = std::stoi(line.substr(47, idEnd - 47));
@@ -95,37 +85,34 @@ std::vector<TraceRecord> TraceCapture::parse(const std::string& text) {
     std::vector<TraceRecord> result;
     std::vector<std::string> all = splitLines(text);
     TraceRecord record;
-    for (size_t i = 0; i < all.size(); ++i)
-        if (parseRecord(all[i], &record)) record.line = i, result.push_back(record);
+    for (record.line = 0; record.line < all.size(); ++record.line)
+        if (parseRecord(all[record.line], &record)) result.push_back(record);
     return result;
 }
 
-std::vector<TraceRecord> TraceCapture::records() const { return parse(text()); }
-
-std::vector<TraceRecord> TraceCapture::find(int id) const {
-    std::vector<TraceRecord> result;
-    for (const TraceRecord& record : records())
-        if (record.id == id) result.push_back(record);
+std::vector<TraceRecord> TraceCapture::find(int id) const
+{
+    std::vector<TraceRecord> result = records();
+    result.erase(std::remove_if(result.begin(), result.end(), [id](const TraceRecord& r) { return r.id != id; }),
+                 result.end());
     return result;
 }
 
-bool TraceCapture::has(int id, const std::string& message) const {
+bool TraceCapture::has(int id, const std::string& message) const
+{
     const std::vector<TraceRecord> found = find(id);
     return std::any_of(found.begin(), found.end(), [&](const TraceRecord& r) { return r.message == message; });
 }
 
-std::vector<std::string> TraceCapture::linesAfter(const TraceRecord& record) const {
-    std::vector<std::string> all = lines();
-    std::vector<std::string> result;
+std::vector<std::string> TraceCapture::linesAfter(const TraceRecord& record) const
+{
+    std::vector<std::string> all = lines(), result;
     TraceRecord ignored;
-    for (size_t i = record.line + 1; i < all.size() && !parseRecord(all[i], &ignored); ++i)
-        result.push_back(all[i]);
+    for (size_t i = record.line + 1; i < all.size() && !parseRecord(all[i], &ignored); ++i) result.push_back(all[i]);
     return result;
 }
 
-void TraceCapture::clear() const {
-    if (truncate(path_.c_str(), 0) != 0) perror("truncate");
-}
+void TraceCapture::clear() const { if (truncate(path_.c_str(), 0) != 0) perror("truncate"); }
 
 StderrCapture::StderrCapture() : dir_(makeTempDir()), path_(dir_ + "/stderr.log") {
     fflush(stderr);
@@ -145,7 +132,8 @@ StderrCapture::~StderrCapture() {
     removeTree(dir_);
 }
 
-std::string StderrCapture::text() const {
+std::string StderrCapture::text() const
+{
     fflush(stderr);
     return TraceCapture::readFile(path_);
 }

@@ -10,12 +10,11 @@
 
 // One record line: "dd/mm/yy hh:mm:ss:mmm [0xPPPPPPPP,0xTTTTTTTT] [iiii] TYPE__ message".
 struct TraceRecord {
-    std::string timestamp;   // "dd/mm/yy hh:mm:ss:mmm"
     uint32_t pid = 0, tid = 0;
     int id = 0;
-    std::string type;        // "*EXC*", "EVENT", "ENTRY", "EXIT", "DEBUG", "DATA" (padding removed)
-    std::string message;     // everything after the prefix, without the final newline
-    size_t line = 0;         // index of this record in lines(): dump lines follow at line + 1, ...
+    std::string type;      // "*EXC*", "EVENT", "ENTRY", "EXIT", "DEBUG", "DATA" (padding removed)
+    std::string message;   // everything after the prefix, without the final newline
+    size_t line = 0;       // index of this record in lines(): dump lines follow at line + 1, ...
 };
 
 class TraceCapture {
@@ -29,12 +28,11 @@ public:
     const std::string& dir() const { return dir_; }
     const std::string& path() const { return path_; }
     int fileRc() const { return fileRc_; }   // what ZEP_setAPITraceFile returned
-    int levelRc() const { return levelRc_; } // what ZEP_setAPITraceLevel returned
 
-    std::string text() const;                        // the whole file
-    std::vector<std::string> lines() const;          // every line, records and others, without newlines
-    std::vector<TraceRecord> records() const;        // the record lines only, parsed
-    std::vector<TraceRecord> find(int id) const;     // the records with this id
+    std::string text() const { return readFile(path_); }
+    std::vector<std::string> lines() const { return splitLines(text()); }   // without newlines
+    std::vector<TraceRecord> records() const { return parse(text()); }      // the record lines only
+    std::vector<TraceRecord> find(int id) const;                             // the records with this id
     bool has(int id, const std::string& message) const;
     bool hasId(int id) const { return !find(id).empty(); }
     // The lines written after the record (a dump, for instance) up to the next record or the end.
@@ -50,7 +48,7 @@ public:
 
 private:
     std::string dir_, path_;
-    int fileRc_ = 0, levelRc_ = 0;
+    int fileRc_ = 0;
 };
 
 // Sends file descriptor 2 to a file of its own until destroyed, so that what the library writes to standard
@@ -66,7 +64,6 @@ public:
     std::string text() const;
     std::vector<std::string> lines() const { return TraceCapture::splitLines(text()); }
     std::vector<TraceRecord> records() const { return TraceCapture::parse(text()); }
-    const std::string& dir() const { return dir_; }
 
 private:
     std::string dir_, path_;

@@ -1,40 +1,28 @@
 #include "zepgw_process.h"
 
-#include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include "test_support.h"
 
 extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-Clock::time_point deadlineAfter(double seconds)
+// Polls until waitpid reports the child (its exit, or also a stop with WUNTRACED) or `seconds` have passed.
+bool reap(pid_t pid, double seconds, int* status, int options = 0)
 {
-    return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-}
-
-// Polls until waitpid reports the child (its exit, or also a stop with WUNTRACED) or the deadline passes.
-bool reap(pid_t pid, Clock::time_point deadline, int* status, int options = 0)
-{
-    for (;;) {
-        const pid_t r = ::waitpid(pid, status, options | WNOHANG);
-        if (r == pid) return true;
-        if ((r < 0 && errno != EINTR) || Clock::now() >= deadline) return false;
-        const timespec pause{0, 2 * 1000 * 1000};
-        ::nanosleep(&pause, nullptr);
-    }
+    return pollUntil([&] { return ::waitpid(pid, status, options | WNOHANG) == pid; }, seconds);
 }
 
 void closeFd(int& fd)
@@ -47,39 +35,40 @@ void closeFd(int& fd)
 // error; *in receives the write end of its input, *out the read end of its output. -1 on failure.
 pid_t spawn(const std::vector<std::string>& args, int* in, int* out, int err)
 {
-    int inPipe[2], outPipe[2];
-    if (::pipe2(inPipe, O_CLOEXEC) != 0) return -1;
-    if (::pipe2(outPipe, O_CLOEXEC) != 0) {
-        ::close(inPipe[0]), ::close(inPipe[1]);
-        return -1;
-    }
+    int inPipe[2] = {-1, -1}, outPipe[2] = {-1, -1};
     std::vector<char*> argv{const_cast<char*>(ZepgwProcess::path())};
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, inPipe[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err, 2);
     pid_t pid = -1;
-    const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(inPipe[0]), ::close(outPipe[1]);
-    *in = inPipe[1], *out = outPipe[0];
-    if (rc == 0) return pid;
-    std::fprintf(stderr, "cannot start %s: %s\n", argv[0], std::strerror(rc));
-    return -1;
+    if (::pipe2(inPipe, O_CLOEXEC) == 0 && ::pipe2(outPipe, O_CLOEXEC) == 0) {
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, inPipe[0], 0);
+        posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, err, 2);
+        const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (rc != 0) {
+            std::fprintf(stderr, "cannot start %s: %s\n", argv[0], std::strerror(rc));
+            pid = -1;
+        }
+    }
+    closeFd(inPipe[0]);
+    closeFd(outPipe[1]);
+    *in = inPipe[1];
+    *out = outPipe[0];
+    return pid;
 }
 
-// Reads what is available into text until the deadline or the end of the stream; stops early when
-// stopAtNewline and a newline has come.
-bool readUntil(int fd, std::string& text, Clock::time_point deadline, bool stopAtNewline)
+// Reads what comes into text for at most `seconds` or up to the end of the stream; stops early when
+// stopAtNewline and a newline has come. False when it stopped for the time.
+bool readUntil(int fd, std::string& text, double seconds, bool stopAtNewline)
 {
-    for (;;) {
-        if (stopAtNewline && text.find('\n') != std::string::npos) return true;
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    const Clock::time_point start = Clock::now();
+    while (!stopAtNewline || text.find('\n') == std::string::npos) {
         pollfd p{fd, POLLIN, 0};
-        const int ready = ::poll(&p, 1, left < 0 ? 0 : static_cast<int>(left));
+        const int left = static_cast<int>(1000 * (seconds - secondsSince(start)));
+        const int ready = ::poll(&p, 1, left < 0 ? 0 : left);
         if (ready < 0 && errno == EINTR) continue;
         if (ready <= 0) return false;
         char buf[4096];
@@ -88,6 +77,7 @@ bool readUntil(int fd, std::string& text, Clock::time_point deadline, bool stopA
         if (n <= 0) return !stopAtNewline;
         text.append(buf, static_cast<size_t>(n));
     }
+    return true;
 }
 
 }  // namespace
@@ -111,21 +101,14 @@ bool ZepgwProcess::start(std::vector<std::string> extraArgs)
     extraArgs.insert(extraArgs.begin(), {"--port", "0", "--exit-on-stdin-eof"});
     pid_ = spawn(extraArgs, &stdinFd_, &stdoutFd_, logFd_ >= 0 ? logFd_ : 2);
     exited_ = false;
-    if (pid_ > 0 && readPortLine(10)) return true;
+    std::string line;
+    char* end = nullptr;
+    if (pid_ > 0 && readUntil(stdoutFd_, line, 10, true)) port_ = static_cast<int>(std::strtol(line.c_str(), &end, 10));
+    if (end != nullptr && end != line.c_str() && *end == '\n' && port_ > 0 && port_ <= 65535) return true;
     if (pid_ > 0) stop();
     pid_ = -1;
     closeFds();
     return false;
-}
-
-bool ZepgwProcess::readPortLine(double seconds)
-{
-    std::string line;
-    if (!readUntil(stdoutFd_, line, deadlineAfter(seconds), true)) return false;
-    char* end = nullptr;
-    const long p = std::strtol(line.c_str(), &end, 10);
-    port_ = static_cast<int>(p);
-    return end != line.c_str() && *end == '\n' && p > 0 && p <= 65535;
 }
 
 void ZepgwProcess::closeFds()
@@ -146,7 +129,7 @@ bool ZepgwProcess::signal(int sig)
 bool ZepgwProcess::pause()
 {
     int st = 0;
-    if (!signal(SIGSTOP) || !reap(pid_, deadlineAfter(10), &st, WUNTRACED)) return false;
+    if (!signal(SIGSTOP) || !reap(pid_, 10, &st, WUNTRACED)) return false;
     if (WIFSTOPPED(st)) return true;
     exited_ = true;
     status_ = st;
@@ -158,7 +141,7 @@ bool ZepgwProcess::resume() { return signal(SIGCONT); }
 bool ZepgwProcess::waitExit(double seconds, int* status)
 {
     if (pid_ <= 0) return false;
-    if (!exited_) exited_ = reap(pid_, deadlineAfter(seconds), &status_);
+    if (!exited_) exited_ = reap(pid_, seconds, &status_);
     if (exited_ && status != nullptr) *status = status_;
     return exited_;
 }
@@ -186,8 +169,7 @@ std::string ZepgwProcess::log() const
 {
     std::string text;
     char buf[4096];
-    ssize_t n;
-    while (logFd_ >= 0 && (n = ::pread(logFd_, buf, sizeof buf, static_cast<off_t>(text.size()))) > 0)
+    for (ssize_t n; logFd_ >= 0 && (n = ::pread(logFd_, buf, sizeof buf, static_cast<off_t>(text.size()))) > 0;)
         text.append(buf, static_cast<size_t>(n));
     return text;
 }
@@ -197,9 +179,9 @@ bool ZepgwProcess::run(const std::vector<std::string>& args, std::string* out, i
     int in = -1, output = -1, st = 0;
     const pid_t pid = spawn(args, &in, &output, 2);
     std::string text;
-    const Clock::time_point deadline = deadlineAfter(seconds);
-    if (pid > 0) readUntil(output, text, deadline, false);
-    const bool ended = pid > 0 && reap(pid, deadline, &st);
+    const Clock::time_point start = Clock::now();
+    if (pid > 0) readUntil(output, text, seconds, false);
+    const bool ended = pid > 0 && reap(pid, seconds - secondsSince(start), &st);
     if (pid > 0 && !ended) {
         ::kill(pid, SIGKILL);
         ::waitpid(pid, &st, 0);
@@ -217,16 +199,9 @@ TempFile::TempFile(const std::string& content)
     std::string pattern = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/zepgw-test-XXXXXX";
     const int fd = ::mkstemp(&pattern[0]);
     if (fd < 0) return;
-    path_ = pattern;
-    for (size_t done = 0; done < content.size();) {
-        const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
-        if (n <= 0) break;
-        done += static_cast<size_t>(n);
-    }
     ::close(fd);
+    path_ = pattern;
+    std::ofstream(path_, std::ios::binary) << content;
 }
 
-TempFile::~TempFile()
-{
-    if (!path_.empty()) ::unlink(path_.c_str());
-}
+TempFile::~TempFile() { if (!path_.empty()) ::unlink(path_.c_str()); }

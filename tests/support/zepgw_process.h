@@ -1,9 +1,4 @@
-// Runs the zepgw Gateway emulator of the same build as a child process, for tests that talk to it over loopback:
-//
-//     ZepgwProcess gw;
-//     ASSERT_TRUE(gw.start({"--ping", "1"}));
-//     ... connect to 127.0.0.1:gw.port() ...
-//
+// Runs the zepgw Gateway emulator of the same build as a child process, for tests that talk to it over loopback.
 // zepgw is started with --port 0 and --exit-on-stdin-eof, its standard input being a pipe that only this process
 // holds: whatever way the test process ends, zepgw ends with it. Its standard error goes to an anonymous file.
 #pragma once
@@ -20,34 +15,27 @@ public:
     ZepgwProcess(const ZepgwProcess&) = delete;
     ZepgwProcess& operator=(const ZepgwProcess&) = delete;
 
-    // Starts zepgw with extraArgs after --port 0 and waits at most 10 s for the port line. False (and no
-    // process left) when that fails.
+    // Starts zepgw with extraArgs after --port 0; false (and no process left) without a port line within 10 s.
     bool start(std::vector<std::string> extraArgs = {});
     int port() const { return port_; }
-    pid_t pid() const { return pid_; }
-    // SIGTERM, then at most 10 s for the exit, SIGKILL after that. True when zepgw exited with status 0 (also
-    // when it had already exited so).
+    // SIGTERM, then at most 10 s for the exit, SIGKILL after that. True when zepgw exited with status 0.
     bool stop();
     bool signal(int sig);
-    // SIGSTOP, then at most 10 s until every thread of zepgw has stopped, so that from the return on it answers
-    // nothing until resume(). (A bare signal(SIGSTOP) returns before zepgw has stopped.)
+    // SIGSTOP, then at most 10 s until every thread of zepgw has stopped: from the return on it answers nothing
+    // until resume().
     bool pause();
     bool resume();
     // Waits at most `seconds` for zepgw to exit by itself; true when it did, with its waitpid status in *status.
     bool waitExit(double seconds, int* status = nullptr);
-    // Closes zepgw's standard input, as the end of the test process would.
-    void closeInput();
-    // What zepgw wrote to its standard error so far.
-    std::string log() const;
+    void closeInput();       // as the end of the test process would
+    std::string log() const; // what zepgw wrote to its standard error so far
 
-    // The zepgw binary of this build.
-    static const char* path();
-    // Runs zepgw with args to its end (at most `seconds`, then it is killed), collecting standard output;
-    // *status receives the waitpid status.
+    static const char* path();   // the zepgw binary of this build
+    // Runs zepgw with args to its end (killed after `seconds`), collecting standard output; *status receives the
+    // waitpid status.
     static bool run(const std::vector<std::string>& args, std::string* out, int* status, double seconds = 10);
 
 private:
-    bool readPortLine(double seconds);
     void closeFds();
 
     pid_t pid_ = -1;
