@@ -211,9 +211,11 @@ static bool haveBytes(SocketBuffer* sb, uint32_t width, int debugId)
     return true;
 }
 
-static uint32_t readValue(SocketBuffer* sb, uint32_t width, int debugId)
+/* Inlined into each reader: the common case, a field already in the buffer, costs a compare and the loads. */
+static inline __attribute__((always_inline)) uint32_t readValue(SocketBuffer* sb, uint32_t width, int debugId)
 {
-    if (!haveBytes(sb, width, debugId)) return 0;
+    bool buffered = sb->errorCode == 0 && sb->bytesInBuffer >= width;
+    if (!buffered && !haveBytes(sb, width, debugId)) return 0;
     uint32_t value = 0;
     for (uint32_t i = 0; i < width; i++) value = (value << 8) | sb->cursor[i];
     sb->cursor += width;
@@ -325,12 +327,15 @@ static bool makeRoom(SocketBuffer* sb, uint32_t width)
     return true;
 }
 
-static void writeValue(SocketBuffer* sb, uint32_t value, uint32_t width, int debugId)
+/* Inlined into each writer: the common case, room in the buffer, costs a compare and the stores. */
+static inline __attribute__((always_inline)) void writeValue(SocketBuffer* sb, uint32_t value, uint32_t width,
+                                                              int debugId)
 {
-    if (sb->errorCode == 0 && sb->bufferSize - sb->bytesInBuffer < width) {
-        TRACE_DEBUG(debugId, "Insufficient space in buffer %p to write %d\n", (void*)sb, (int)value);
+    if (sb->errorCode != 0 || sb->bufferSize - sb->bytesInBuffer < width) {
+        if (sb->errorCode == 0)
+            TRACE_DEBUG(debugId, "Insufficient space in buffer %p to write %d\n", (void*)sb, (int)value);
+        if (!makeRoom(sb, width)) return;
     }
-    if (!makeRoom(sb, width)) return;
     for (uint32_t i = 0; i < width; i++) sb->cursor[i] = (uint8_t)(value >> (8 * (width - 1 - i)));
     sb->cursor += width;
     sb->bytesInBuffer += width;
