@@ -252,14 +252,6 @@ static bool findInReplyQueue(GatewayToken* gwTok, const RequestSlot* slot, Reque
     return false;
 }
 
-/* Table lock held on entry. A freed slot's block may have been trimmed: only slots still in the chain are looked at. */
-static bool slotInTable(GatewayToken* gwTok, const RequestSlot* slot)
-{
-    for (RequestSlot* s = gwTok->requestTable; s != NULL; s = s->nextSlot)
-        if (s == slot) return true;
-    return false;
-}
-
 /* ---------------------------------------------------------------- building and sending a request */
 
 /* The user id and password as NUL-terminated texts, copied from the fixed fields of older blocks. */
@@ -399,7 +391,7 @@ static bool withdrawAsyncRequest(GatewayToken* gwTok, RequestSlot* slot, uint32_
         TRACE_EXC(1530, "clapi_eci.performEciExecute() Failed to lock slot table to update async count\n");
         return false;
     }
-    bool ours = slotInTable(gwTok, slot) && slot->requestSerial == serial && slot->request.eci_call_type == ECI_ASYNC;
+    bool ours = slotInTable(gwTok->requestTable, slot) && slot->requestSerial == serial && slot->request.eci_call_type == ECI_ASYNC;
     RequestSlot* prev = NULL;
     bool queued = ours && slot->slotState == SLOT_REPLIED && findInReplyQueue(gwTok, slot, &prev);
     ours = ours && (slot->slotState == SLOT_SENT || queued);
@@ -525,9 +517,7 @@ int performEciExecute(GatewayToken* gwTok, EciParms* parms, bool useChannel)
  */
 static int checkQualifier(GatewayToken* gwTok, uint32_t qualifier, uint32_t* serial)
 {
-    RequestSlot* match = NULL;
-    for (RequestSlot* slot = gwTok->requestTable; slot != NULL; slot = slot->nextSlot)
-        if ((uint32_t)slot->slotNumber == qualifier) match = slot;
+    RequestSlot* match = qualifier <= INT32_MAX ? slotNumbered(gwTok->requestTable, (int32_t)qualifier) : NULL;
     if (match == NULL || match->slotState == SLOT_FREE || match->request.eci_call_type != ECI_ASYNC)
         return ECI_ERR_INVALID_MSG_QUAL;
     if (*serial != 0 && match->requestSerial != *serial) return ECI_ERR_INVALID_MSG_QUAL;

@@ -233,22 +233,38 @@ static RequestSlot* addSlotBlock(RequestSlot* last)
     return block;
 }
 
+/* The block chained after `block`, or NULL: a block's last slot links to the next block's first. */
+static RequestSlot* nextBlock(RequestSlot* block)
+{
+    return block[SLOTS_PER_TABLE - 1].nextSlot;
+}
+
+/*
+ * Table lock held on entry. The lowest free slot, from a new block when every block is full; NULL when no
+ * memory is left. Full blocks are passed over on their count, so many requests in flight cost a hop a block.
+ */
+static RequestSlot* lowestFreeSlot(RequestSlot* requestTableP)
+{
+    for (RequestSlot* block = requestTableP;; block = nextBlock(block)) {
+        if (block->blockSlotsInUse < SLOTS_PER_TABLE)
+            for (int i = 0; i < SLOTS_PER_TABLE; i++)
+                if (block[i].slotState == SLOT_FREE) return &block[i];
+        if (nextBlock(block) == NULL) return addSlotBlock(&block[SLOTS_PER_TABLE - 1]);
+    }
+}
+
 // Table lock held on entry.
 static int allocateSlot(RequestSlot* requestTableP, RequestSlot** requestSlotPP)
 {
-    RequestSlot* last = NULL;
-    RequestSlot* slot = requestTableP;
-    while (slot != NULL && slot->slotState != SLOT_FREE) {
-        last = slot;
-        slot = slot->nextSlot;
-    }
-    if (slot == NULL && (slot = addSlotBlock(last)) == NULL) return ZEP_ERR_MALLOCFAIL;
+    RequestSlot* slot = lowestFreeSlot(requestTableP);
+    if (slot == NULL) return ZEP_ERR_MALLOCFAIL;
     TRACE_DEBUG(2055, "clapi_gwytok.slotFind() Allocated slot %d for request\n", slot->slotNumber);
     if (clapiCreateEvent(&slot->event) != 0) {
         TRACE_EXC(2065, "clapi_gwytok.slotFind() Create event failed\n");
         return ZEP_ERR_SYSTEM_ERROR;
     }
     slot->slotState = SLOT_ALLOCATED;
+    blockStart(slot)->blockSlotsInUse++;
     *requestSlotPP = slot;
     return 0;
 }
@@ -278,13 +294,30 @@ int slotFind(RequestSlot* requestTableP, int32_t luwToken, RequestSlot** request
     return rc;
 }
 
+// Table lock held on entry. Blocks hold consecutive numbers from 1, so the number says which block to hop to.
+RequestSlot* slotNumbered(RequestSlot* requestTableP, int32_t number)
+{
+    if (number < 1) return NULL;
+    RequestSlot* block = requestTableP;
+    for (int32_t hops = (number - 1) / SLOTS_PER_TABLE; hops > 0 && block != NULL; hops--) block = nextBlock(block);
+    return block != NULL ? &block[(number - 1) % SLOTS_PER_TABLE] : NULL;
+}
+
+// Table lock held on entry. Compares addresses only: `slotP` may be a slot of a block trimmed meanwhile.
+bool slotInTable(RequestSlot* requestTableP, const RequestSlot* slotP)
+{
+    for (RequestSlot* block = requestTableP; block != NULL; block = nextBlock(block))
+        for (int i = 0; i < SLOTS_PER_TABLE; i++)
+            if (&block[i] == slotP) return true;
+    return false;
+}
+
 // Table lock held on entry.
 int slotLookup(RequestSlot* requestTableP, int32_t messageId, RequestSlot** slotPP)
 {
     TRACE_ENTRY(2061, "clapi_gwytok.slotLookup(requestTableP=%p, messageId=%d, slotPP=%p)\n", (void*)requestTableP,
                 messageId, (void*)slotPP);
-    RequestSlot* slot = requestTableP;
-    while (slot != NULL && slot->slotNumber != messageId) slot = slot->nextSlot;
+    RequestSlot* slot = slotNumbered(requestTableP, messageId);
     *slotPP = slot;
     int rc = 0;
     if (slot != NULL && slot->slotState == SLOT_SENT) {
@@ -302,11 +335,9 @@ static RequestSlot* lastSlotBlock(RequestSlot* requestTableP, RequestSlot** tail
 {
     RequestSlot* start = requestTableP;
     *tailBefore = NULL;
-    for (RequestSlot* slot = requestTableP; slot->nextSlot != NULL; slot = slot->nextSlot) {
-        if (slot->nextSlot == blockStart(slot->nextSlot)) {
-            *tailBefore = slot;
-            start = slot->nextSlot;
-        }
+    while (nextBlock(start) != NULL) {
+        *tailBefore = &start[SLOTS_PER_TABLE - 1];
+        start = nextBlock(start);
     }
     return start;
 }
@@ -338,6 +369,7 @@ void slotFree(RequestSlot* requestTableP, RequestSlot* slotP)
     TRACE_ENTRY(2058, "clapi_gwytok.slotFree(requestTableP=%p, slotP=%p)\n", (void*)requestTableP, (void*)slotP);
     if (slotP->slotState != SLOT_FREE) {
         slotP->slotState = SLOT_FREE;
+        blockStart(slotP)->blockSlotsInUse--;
         clapiDeleteEvent(&slotP->event);
         memset((void*)&slotP->request, 0, sizeof slotP->request);
         slotP->replyAreaLength = 0;

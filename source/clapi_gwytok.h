@@ -25,6 +25,8 @@ int  clapiDumpGatewayTokens(void);
 int  slotFind(RequestSlot* requestTableP, int32_t luwToken, RequestSlot** requestSlotPP);
 int  slotLookup(RequestSlot* requestTableP, int32_t messageId, RequestSlot** slotPP);
 void slotFree(RequestSlot* requestTableP, RequestSlot* slotP);
+RequestSlot* slotNumbered(RequestSlot* requestTableP, int32_t number);
+bool slotInTable(RequestSlot* requestTableP, const RequestSlot* slotP);
 
 int  clapiCloseGatewayToken(GatewayToken* gwTokPtr, int lockRequired);
 int  clapiDeleteGatewayToken(GatewayToken** gwTokPtr, int closeTimeout, int lockRequired);

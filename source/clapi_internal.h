@@ -228,6 +228,8 @@ typedef struct RequestSlot {
     uint32_t            replyAreaLength;
     /* Which ECI request holds the slot, so that a reused slot is told from the request that held it before. */
     uint32_t            requestSerial;
+    /* In a block's first slot: how many of the block's slots are not free. */
+    int32_t             blockSlotsInUse;
 } RequestSlot;
 
 #define CONN_CONNECTING 0

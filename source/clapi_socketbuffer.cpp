@@ -31,27 +31,23 @@ static int socketError(ssize_t result)
     return errno;
 }
 
-/* Moves the bytes read ahead to the start of the block; their count. */
-static uint32_t keepAhead(SocketBuffer* sb)
-{
-    uint32_t ahead = sb->bytesAhead;
-    if (ahead == 0) return 0;
-    uint8_t* at = sb->cursor + sb->bytesInBuffer;
-    if (at != sb->buffer) memmove(sb->buffer, at, ahead);
-    return ahead;
-}
-
-/* Bytes read ahead belong to the next messages: a new message keeps them, in a new block too. */
+/*
+ * Bytes read ahead belong to the next messages: a new message keeps them where they lie, or copies them into a
+ * new block. Moving them to the start of the block for every message would cost a copy of the whole read-ahead
+ * per message; a fill moves them only when it needs the room.
+ */
 static int initBuffer(SocketBuffer* sb, int socketDesc, uint32_t dataLen, int excId, int debugId)
 {
     uint32_t wanted = dataLen < SOCKET_BUFFER_MAX ? dataLen : SOCKET_BUFFER_MAX;
-    uint32_t ahead = keepAhead(sb);
+    uint32_t ahead = sb->bytesAhead;
+    uint8_t* aheadAt = ahead > 0 ? sb->cursor + sb->bytesInBuffer : NULL;
     uint32_t readAhead = sb->readAhead;
     uint8_t* block = sb->buffer;
     uint32_t size = sb->bufferSize;
     if (block == NULL || size < wanted) {
         uint8_t* fresh = (uint8_t*)malloc(wanted > 0 ? wanted : 1);
-        if (fresh != NULL && ahead > 0) memcpy(fresh, block, ahead);
+        if (fresh != NULL && ahead > 0) memcpy(fresh, aheadAt, ahead);
+        aheadAt = fresh;
         if (block != NULL) {
             clapiZeroFree(block, size);
             /* The old block is gone: a later freeBuffer must not release it a second time. */
@@ -77,7 +73,7 @@ static int initBuffer(SocketBuffer* sb, int socketDesc, uint32_t dataLen, int ex
     sb->bytesRemaining = dataLen;
     sb->readAhead = readAhead;
     sb->bytesAhead = ahead;
-    if (ahead > 0) sb->cursor = block;
+    if (ahead > 0) sb->cursor = aheadAt;
     return 0;
 }
 
@@ -161,6 +157,14 @@ int fillBuffer(SocketBuffer* sb)
         TRACE_EXIT(2549, "clapi_socketbuffer.fillBuffer() rc=%d\n", 0);
         return 0;
     }
+    if (sb->bytesAhead >= amount) {
+        /* Read ahead already, right behind the unread bytes: nothing to move, nothing to receive. */
+        sb->bytesAhead -= amount;
+        sb->bytesInBuffer += amount;
+        sb->bytesRemaining -= amount;
+        TRACE_EXIT(2549, "clapi_socketbuffer.fillBuffer() rc=%d\n", 0);
+        return 0;
+    }
     uint32_t unread = sb->bytesInBuffer + sb->bytesAhead;
     if (unread > 0 && sb->cursor != sb->buffer) {
         if (sb->bytesInBuffer > 0)
@@ -207,9 +211,11 @@ static bool haveBytes(SocketBuffer* sb, uint32_t width, int debugId)
     return true;
 }
 
-static uint32_t readValue(SocketBuffer* sb, uint32_t width, int debugId)
+/* Inlined into each reader: the common case, a field already in the buffer, costs a compare and the loads. */
+static inline __attribute__((always_inline)) uint32_t readValue(SocketBuffer* sb, uint32_t width, int debugId)
 {
-    if (!haveBytes(sb, width, debugId)) return 0;
+    bool buffered = sb->errorCode == 0 && sb->bytesInBuffer >= width;
+    if (!buffered && !haveBytes(sb, width, debugId)) return 0;
     uint32_t value = 0;
     for (uint32_t i = 0; i < width; i++) value = (value << 8) | sb->cursor[i];
     sb->cursor += width;
@@ -321,12 +327,15 @@ static bool makeRoom(SocketBuffer* sb, uint32_t width)
     return true;
 }
 
-static void writeValue(SocketBuffer* sb, uint32_t value, uint32_t width, int debugId)
+/* Inlined into each writer: the common case, room in the buffer, costs a compare and the stores. */
+static inline __attribute__((always_inline)) void writeValue(SocketBuffer* sb, uint32_t value, uint32_t width,
+                                                              int debugId)
 {
-    if (sb->errorCode == 0 && sb->bufferSize - sb->bytesInBuffer < width) {
-        TRACE_DEBUG(debugId, "Insufficient space in buffer %p to write %d\n", (void*)sb, (int)value);
+    if (sb->errorCode != 0 || sb->bufferSize - sb->bytesInBuffer < width) {
+        if (sb->errorCode == 0)
+            TRACE_DEBUG(debugId, "Insufficient space in buffer %p to write %d\n", (void*)sb, (int)value);
+        if (!makeRoom(sb, width)) return;
     }
-    if (!makeRoom(sb, width)) return;
     for (uint32_t i = 0; i < width; i++) sb->cursor[i] = (uint8_t)(value >> (8 * (width - 1 - i)));
     sb->cursor += width;
     sb->bytesInBuffer += width;
