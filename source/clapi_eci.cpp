@@ -391,7 +391,8 @@ static bool withdrawAsyncRequest(GatewayToken* gwTok, RequestSlot* slot, uint32_
         TRACE_EXC(1530, "clapi_eci.performEciExecute() Failed to lock slot table to update async count\n");
         return false;
     }
-    bool ours = slotInTable(gwTok->requestTable, slot) && slot->requestSerial == serial && slot->request.eci_call_type == ECI_ASYNC;
+    bool ours = slotInTable(gwTok->requestTable, slot) && slot->requestSerial == serial &&
+                slot->request.eci_call_type == ECI_ASYNC;
     RequestSlot* prev = NULL;
     bool queued = ours && slot->slotState == SLOT_REPLIED && findInReplyQueue(gwTok, slot, &prev);
     ours = ours && (slot->slotState == SLOT_SENT || queued);
