@@ -56,15 +56,6 @@ const SyncCase syncCases[] = {
     {"negative container data length", 0, NO_DATA_LENGTH, 0, channelSection(1, -2), ZEP_ERR_LOSTGWCON, -1, 0},
 };
 
-// `call` on a thread of its own, answered with the message `answer` builds for its request's id; its result.
-int answered(ScriptedGateway& gw, const std::function<int()>& call, const std::function<Text(int32_t)>& answer)
-{
-    auto result = std::async(std::launch::async, call);
-    gw.send(answer(gw.nextRequest()));
-    EXPECT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(10)));
-    return result.get();
-}
-
 int execute(GatewayToken* tok, EciParms parms)
 {
     return parms.eci_channel ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
@@ -85,7 +76,7 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
             parms = eciBlock(ECI_SYNC, "HOSTILE");
             parms.eci_channel = channel;
         }
-        EXPECT_EQ(c.rc, answered(gw, [&] { return execute(tok, parms); }, [&](int32_t id) {
+        EXPECT_EQ(c.rc, gw.answered([&] { return execute(tok, parms); }, [&](int32_t id) {
                       return eciReply(id, c.commareaLength, c.dataLength, c.sent, c.channel);
                   }));
         EXPECT_TRUE(guarded.guardsIntact());
@@ -95,7 +86,7 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
         if (c.rc != ZEP_ERR_LOSTGWCON) {
             // The stream is still in step: the next reply reaches the next call whole.
             parms = eciBlock(ECI_SYNC, "HOSTILE", guarded.area(), 16);
-            EXPECT_EQ(0, answered(gw, [&] { return execute(tok, parms); },
+            EXPECT_EQ(0, gw.answered([&] { return execute(tok, parms); },
                                   [](int32_t id) { return eciReply(id, 4, NO_DATA_LENGTH, 4); }));
             EXPECT_EQ(0, memcmp("ABCD", guarded.area(), 4));
         }
@@ -162,7 +153,7 @@ TEST(Hostile, ErrorFlowsAndMisdirectedRepliesLeaveTheDetailsAlone)
         SCOPED_TRACE(code);
         details = untouched;
         char area[8] = "eci";
-        const int rc = answered(gw, [&] {
+        const int rc = gw.answered([&] {
             return code == misdirected ? execute(tok, eciBlock(ECI_SYNC, "ECHO", area, sizeof area))
                                        : ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details);
         }, [&](int32_t id) {

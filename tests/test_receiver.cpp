@@ -86,14 +86,14 @@ TEST(ScriptedReplies, EachReplyEndsItsRequestOrTheConnection)
         EsiDetails details;
         memset(&details, 0xAB, sizeof details);
         char area[8] = "odd";
-        auto call = std::async(std::launch::async, [&] {
+        const auto reply = [&](int32_t id) {
+            EXPECT_EQ(1, id);
+            return c.reply;
+        };
+        EXPECT_EQ(c.rc, gateway.answered([&] {
             return c.esi ? ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details)
                          : callProgram(tok, "ECHO", area, 3);
-        });
-        ASSERT_EQ(1, gateway.nextRequest());
-        gateway.send(c.reply);
-        ASSERT_EQ(std::future_status::ready, call.wait_for(std::chrono::seconds(10)));
-        EXPECT_EQ(c.rc, call.get());
+        }, reply));
         EXPECT_EQ(c.connStatus, connStatusOf(tok));
         const int connRc = __atomic_load_n(&tok->connRc, __ATOMIC_RELAXED);
         EXPECT_TRUE(c.connRc < 0 ? connRc != 0 : connRc == c.connRc) << connRc;
@@ -101,11 +101,11 @@ TEST(ScriptedReplies, EachReplyEndsItsRequestOrTheConnection)
         if (c.connStatus == CONN_OPEN) {
             EXPECT_TRUE(trace.has(3042, "clapi_gwycon.receiverThread() Gateway returned unexpected request type XYZ"));
             // The next request is still answered on the same connection.
-            auto next = std::async(std::launch::async, [&] { return callProgram(tok, "ECHO", area, 3); });
-            ASSERT_EQ(1, gateway.nextRequest());
-            gateway.send(ScriptedGateway::header(FLOW_ERROR, 1, "ECI", 0, ZEP_ERR_WORK_WAS_REFUSED));
-            ASSERT_EQ(std::future_status::ready, next.wait_for(std::chrono::seconds(10)));
-            EXPECT_EQ(ZEP_ERR_WORK_WAS_REFUSED, next.get());
+            const auto refusal = [](int32_t id) {
+                EXPECT_EQ(1, id);
+                return ScriptedGateway::header(FLOW_ERROR, 1, "ECI", 0, ZEP_ERR_WORK_WAS_REFUSED);
+            };
+            EXPECT_EQ(ZEP_ERR_WORK_WAS_REFUSED, gateway.answered([&] { return callProgram(tok, "ECHO", area, 3); }, refusal));
             EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
         }
         gateway.hangUp();   // so that a connection wrongly left open cannot hold up the close

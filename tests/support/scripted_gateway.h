@@ -86,6 +86,16 @@ public:
         return Wire().header(flowType, messageId, type, payload, rc).str();
     }
 
+    // `call` on a thread of its own, answered with the message `answer` builds for its request's id; its result.
+    template <typename Call, typename Answer>
+    int answered(Call call, Answer answer)
+    {
+        auto result = std::async(std::launch::async, call);
+        send(answer(nextRequest()));
+        EXPECT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(10)));
+        return result.get();
+    }
+
     void send(const std::string& bytes) { ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::send(peer_, bytes.data(), bytes.size(), 0)); }
 
     // The Gateway goes away without a close flow.
