@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the 64-bit flavour with gcc coverage in build/coverage, runs the whole suite, and prints line and
 # branch coverage of the library (source/) and of zepgw (gateway/, without its tests) per file.
-# Fails when the library is below 90% of lines or 71% of branches, or zepgw below 95% of lines: the floors sit
+# Fails when the library is below 90% of lines or 74% of branches, or zepgw below 95% of lines: the floors sit
 # just under what the suite reaches, so that a change that drops tests must replace what they reached.
 set -euo pipefail
 exec </dev/null
@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 jobs=${JOBS:-2}
 dir=build/coverage
 library_lines_floor=90
-library_branches_floor=71
+library_branches_floor=74
 zepgw_lines_floor=95
 
 scripts/ensure-deps.sh coverage
