@@ -10,36 +10,24 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
-#include <string>
 #include <thread>
 
+#include "bytes.h"
 #include "clapi_impl.h"
 #include "clapi_internal.h"
 #include "clapi_socketbuffer.h"
 #include "clapi_socketcomms.h"
 #include "zepclient.h"
 
-using Bytes = std::string;
-
-inline Bytes be32(int32_t v)
-{
-    Bytes out;
-    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(static_cast<uint32_t>(v) >> shift);
-    return out;
-}
-
 class Feed {
 public:
     // The input after its first byte and `skip` more is fed as it is, or as the payload of message 1 of
     // `flowType` and `type` framed as a Gateway frames it.
     Feed(const uint8_t* data, size_t size, int32_t flowType = 0, const char* type = nullptr, size_t skip = 0)
-        : rest(size > 1 + skip ? Bytes(reinterpret_cast<const char*>(data) + 1 + skip, size - 1 - skip) : "")
+        : rest(data + std::min(size, 1 + skip), data + size)
     {
-        const Bytes payloadLength = be32(static_cast<int32_t>(rest.size()));
-        bytes_ = type == nullptr ? rest
-                                 : be32(FLOW_EYECATCHER) + be32(FLOW_VERSION) + be32(flowType) + be32(1) + be32(0) +
-                                       be32(static_cast<int32_t>(strlen(type))) + type + Bytes(1, '\0') +
-                                       payloadLength + rest;
+        const int32_t length = static_cast<int32_t>(rest.size());
+        bytes_ = type == nullptr ? rest : Wire().header(flowType, 1, type, length).raw(rest).b;
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds_) != 0) abort();
         writer_ = std::thread([this, how = size > 0 ? data[0] : 0] { write(how); });
     }
@@ -71,10 +59,11 @@ private:
     std::thread writer_;
 };
 
-// The receiver's read buffer on the feed, positioned at the payload of its first message; aborts when the
+// The receiver's read buffer on a feed of one reply of `type`, positioned at its payload; aborts when the
 // header or the payload could not be read, as ours are always whole.
 struct Reader {
-    explicit Reader(const Feed& feed)
+    Reader(const uint8_t* data, size_t size, const char* type, size_t skip = 0)
+        : feed(data, size, FLOW_REPLY, type, skip)
     {
         clapiInit();
         bool ok = initReadBuffer(&sb, feed.fd(), 33000) == 0 && clapiReadHeader(&sb, &header) == 0;
@@ -82,6 +71,7 @@ struct Reader {
         if (!ok || fillBuffer(&sb) != 0) abort();
     }
     ~Reader() { freeBuffer(&sb); }
+    Feed feed;
     SocketBuffer sb{};
     FlowHeader header{};
 };

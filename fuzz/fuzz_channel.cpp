@@ -3,8 +3,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Feed feed(data, size, FLOW_REPLY, "ECI");
-    Reader reader(feed);
+    Reader reader(data, size, "ECI");
     Channel* channel = nullptr;
     if (ECI_createChannel("FUZZCHANNEL", &channel) != 0 ||
         ECI_createContainer(channel, "MODTEXT", ECI_CHAR, -1, "modify me", 9) != 0 ||

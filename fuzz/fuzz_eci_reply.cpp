@@ -12,8 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 4) return 0;
     const uint32_t areaSize = (data[1] << 8 | data[2]) % 2048;
     const uint8_t options = data[3];   // bit 0: library buffer; bit 1: extend mode 2; bit 2: a channel
-    Feed feed(data, size, FLOW_REPLY, "ECI", 3);
-    Reader reader(feed);
+    Reader reader(data, size, "ECI", 3);
 
     std::vector<uint8_t> guarded(areaSize + 2 * GUARD, GUARD_BYTE);
     EciRequest request{};

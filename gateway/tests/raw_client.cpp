@@ -40,24 +40,6 @@ bool RawClient::send(const Bytes& bytes)
     return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
-// Appends the next n bytes of the stream to `into`.
-bool RawClient::readMore(Bytes& into, size_t n)
-{
-    const size_t start = into.size();
-    into.resize(start + n);
-    return n == 0 || ::recv(fd_, into.data() + start, n, MSG_WAITALL) == static_cast<ssize_t>(n);
-}
-
-bool RawClient::read(Bytes& message)
-{
-    message.clear();
-    if (!readMore(message, 24)) return false;
-    const int32_t typeLength = wordAt(message, 20);
-    if (typeLength < 0 || typeLength > 64 || !readMore(message, static_cast<size_t>(typeLength) + 5)) return false;
-    const int32_t length = wordAt(message, message.size() - 4);
-    return length >= 0 && length <= (1 << 24) && readMore(message, static_cast<size_t>(length));
-}
-
 bool RawClient::waitClosed(Bytes* rest)
 {
     uint8_t buf[4096];

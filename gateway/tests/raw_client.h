@@ -53,7 +53,7 @@ public:
     bool connect(int port, const std::string& applid = "TESTAPP");
     bool send(const Bytes& bytes);
     // One whole message; false on a time-out or the end.
-    bool read(Bytes& message);
+    bool read(Bytes& message) { return readMessage(fd_, message); }
     // A request and its one answer.
     bool call(const Bytes& request, Bytes& answer) { return send(request) && read(answer); }
     // Reads until the peer closes; true when it did before a read timed out. What arrived first is added to *rest.
@@ -63,7 +63,6 @@ public:
     void close();
 
 private:
-    bool readMore(Bytes& into, size_t n);
     int fd_ = -1;
 };
 

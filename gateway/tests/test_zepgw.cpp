@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include "raw_client.h"
+#include "run_command.h"
 #include "zepgw_process.h"
 
 using namespace gwtest;
@@ -126,7 +127,7 @@ TEST_F(Zepgw, EachProgramRepliesItsWay)
 }
 
 // Each bad client is disconnected with its reason logged, while a good one carries on.
-TEST(ZepgwRobustness, BadInputDisconnectsOnlyItsClient)
+TEST_F(Zepgw, BadInputDisconnectsOnlyItsClient)
 {
     const Bytes good = eciPayload("ECHO    ", std::string(100, 'c'));
     const Bytes badCount = eciPayload("ECHO    ", "", 0, 0, "        ", cat({name16("CH"), be32(819), be32(0x7FFFFFFF)}));
@@ -148,10 +149,7 @@ TEST(ZepgwRobustness, BadInputDisconnectsOnlyItsClient)
         {cat({Wire().header(1, 1, "ECI", 100).b, Bytes(10, 1)}), true, "truncated message: payload of 100 bytes announced"},
         {hex("47617465 10901000 0000"), true, "truncated header"},
     };
-    ZepgwProcess gw;
-    ASSERT_TRUE(gw.start());
-    RawClient client;
-    ASSERT_TRUE(client.connect(gw.port()));
+    start();
     int conn = 1;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reason);
@@ -193,50 +191,48 @@ TEST(ZepgwRobustness, EndsByItselfWithStatusZero)
 // Help and version, and bad command lines and tables, which stop it at once.
 TEST(ZepgwRobustness, CommandLines)
 {
-    std::string out;
-    int status = -1;
-    ASSERT_TRUE(ZepgwProcess::run({"--help"}, &out, &status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    // zepgw run to its end, or killed after 10 s; its input is empty.
+    const auto run = [](const std::string& args) {
+        return runCommand("timeout -s KILL 10 " + std::string(ZepgwProcess::path()) + " " + args + " </dev/null");
+    };
+    const CommandResult help = run("--help");
+    EXPECT_EQ(0, help.status);
     for (const char* word : {"--port", "--host", "--idle-exit", "--ping", "--systems", "--users", "--exit-on-stdin-eof",
                              "-v", "--help", "ECHO", "CHANBAD", "HSBADEYE", "PINGY", "ZEPSYS1", "EXPIRED"})
-        EXPECT_NE(out.find(word), std::string::npos) << word;
-    ASSERT_TRUE(ZepgwProcess::run({"--version"}, &out, &status));
-    EXPECT_EQ(out, "zepgw 1.0.0\n");
-    const struct { std::vector<std::string> args; std::string fileContent; int status; } cases[] = {
-        {{"--nope"}, "", 2},
-        {{"--port", "65536"}, "", 2},
-        {{"--port", "12x"}, "", 2},
-        {{"--ping"}, "", 2},
-        {{"--idle-exit", "0"}, "", 2},
-        {{"--users", "/nonexistent/zepgw-users"}, "", 1},
-        {{"--users", "@"}, "ONLYONEWORD\n", 1},
-        {{"--users", "@"}, "ELEVENCHARS pw\n", 1},
-        {{"--users", "@"}, "USER pw soon\n", 1},
-        {{"--systems", "@"}, "TENCHARSXY\tdescription\n", 1},
-        {{"--systems", "@"}, "S\t" + std::string(62, 'd') + "\n", 1},
+        EXPECT_NE(help.output.find(word), std::string::npos) << word;
+    EXPECT_EQ(run("--version").output, "zepgw 1.0.0\n");
+    // A file argument "@" names a file with the given content.
+    const struct { std::string args, fileContent; int status; } cases[] = {
+        {"--nope", "", 2},
+        {"--port 65536", "", 2},
+        {"--port 12x", "", 2},
+        {"--ping", "", 2},
+        {"--idle-exit 0", "", 2},
+        {"--users /nonexistent/zepgw-users", "", 1},
+        {"--users @", "ONLYONEWORD\n", 1},
+        {"--users @", "ELEVENCHARS pw\n", 1},
+        {"--users @", "USER pw soon\n", 1},
+        {"--systems @", "TENCHARSXY\tdescription\n", 1},
+        {"--systems @", "S\t" + std::string(62, 'd') + "\n", 1},
     };
     for (const auto& c : cases) {
         TempFile file(c.fileContent);
-        std::vector<std::string> args = c.args;
-        if (args.back() == "@") args.back() = file.path();
-        ASSERT_TRUE(ZepgwProcess::run(args, nullptr, &status)) << args[0];
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.status) << args[0] << " " << c.fileContent;
+        std::string args = c.args;
+        if (args.back() == '@') args.replace(args.size() - 1, 1, file.path());
+        EXPECT_EQ(c.status, run(args).status) << args << " " << c.fileContent;
     }
 }
 
 // Option values after "=", and --ping sending ping flows.
-TEST(ZepgwRobustness, OptionValuesAfterEqualsSignAndPings)
+TEST_F(Zepgw, OptionValuesAfterEqualsSignAndPings)
 {
     TempFile users("EQ eqpass\n");
-    ZepgwProcess gw;
-    ASSERT_TRUE(gw.start({"--users=" + users.path(), "--host=127.0.0.1", "--ping=1"}));
-    RawClient c;
-    ASSERT_TRUE(c.connect(gw.port()));
+    start({"--users=" + users.path(), "--host=127.0.0.1", "--ping=1"});
     Bytes answer;
-    ASSERT_TRUE(c.call(message(1, 1, "ESI", esi("EQ", "eqpass")), answer));
+    ASSERT_TRUE(client.call(message(1, 1, "ESI", esi("EQ", "eqpass")), answer));
     EXPECT_EQ(wordAt(answer, 32), 0);   // the return code after a header with "ESI"
     for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(c.read(answer));
+        ASSERT_TRUE(client.read(answer));
         EXPECT_EQ(toHex(answer), "476174651090100000000007000000000000000000000004424153450000000000");
     }
 }

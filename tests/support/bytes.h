@@ -1,9 +1,11 @@
-// Byte strings on the wire, built big-endian the way both ends write them; shared by the library's wire
-// suites, the scripted Gateway and the zepgw suites.
+// Byte strings on the wire, built big-endian the way both ends write them, and whole messages read from a
+// socket; shared by the library's wire suites, the scripted Gateway and the zepgw suites.
 //
 //     Bytes b = Wire().i32(0x47617465).text("ECI").u8(0).hex("0000 00B9").b;
 #ifndef ZEP_TEST_BYTES_H
 #define ZEP_TEST_BYTES_H
+
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -75,6 +77,21 @@ inline int32_t wordAt(const Bytes& bytes, size_t offset)
     if (bytes.size() < offset + 4) return 0x7EEEEEEE;
     return static_cast<int32_t>(uint32_t(bytes[offset]) << 24 | uint32_t(bytes[offset + 1]) << 16 |
                                 uint32_t(bytes[offset + 2]) << 8 | uint32_t(bytes[offset + 3]));
+}
+
+// Reads one whole message from a stream socket, as long as its header says; false on a time-out or the end.
+inline bool readMessage(int fd, Bytes& message)
+{
+    const auto more = [&](size_t n) {
+        message.resize(message.size() + n);
+        return n == 0 || recv(fd, message.data() + message.size() - n, n, MSG_WAITALL) == static_cast<ssize_t>(n);
+    };
+    message.clear();
+    if (!more(24)) return false;
+    const int32_t typeLength = wordAt(message, 20);
+    if (typeLength < 0 || typeLength > 64 || !more(static_cast<size_t>(typeLength) + 5)) return false;
+    const int32_t length = wordAt(message, message.size() - 4);
+    return length >= 0 && length <= (1 << 24) && more(static_cast<size_t>(length));
 }
 
 #endif

@@ -216,26 +216,23 @@ public:
             sent += static_cast<size_t>(n);
         }
     }
-    // Reads exactly n bytes (all of them up to the end when n is 0) from the peer side, within `seconds`.
-    Bytes take(size_t n = 0, double seconds = 5) const
+    // Everything the library side sends up to its end of sending, read within `seconds`.
+    Bytes take(double seconds = 5) const
     {
         Bytes out;
-        const bool inTime = pollUntil([&] {
-            uint8_t chunk[65536];
-            const size_t want = n == 0 || n - out.size() > sizeof chunk ? sizeof chunk : n - out.size();
-            const ssize_t got = recv(peer, chunk, want, MSG_DONTWAIT);
-            if (got > 0) out.insert(out.end(), chunk, chunk + got);
-            return got == 0 || (got < 0 && errno != EAGAIN) || (n != 0 && out.size() >= n);
-        }, seconds);
-        if (!inTime) ADD_FAILURE() << "the library side sent " << out.size() << " bytes and then nothing in time";
+        bool ended = false;
+        if (!pollUntil([&] { out = cat({out, drain(&ended)}); return ended; }, seconds))
+            ADD_FAILURE() << "the library side sent " << out.size() << " bytes and then nothing in time";
         return out;
     }
-    // Everything already sent to the peer, without waiting for more.
-    Bytes drain() const
+    // Everything already sent to the peer, without waiting for more; *ended tells whether the library side ended.
+    Bytes drain(bool* ended = nullptr) const
     {
         Bytes out;
         uint8_t chunk[65536];
-        for (ssize_t got; (got = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;) out.insert(out.end(), chunk, chunk + got);
+        ssize_t got;
+        while ((got = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) out.insert(out.end(), chunk, chunk + got);
+        if (ended != nullptr) *ended = got == 0 || errno != EAGAIN;
         return out;
     }
     int lib = -1;

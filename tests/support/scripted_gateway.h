@@ -66,15 +66,10 @@ public:
     // Reads the next whole message from the library; its message id, or 0 when none came within 10 s.
     int32_t nextRequest(int32_t* flowType = nullptr)
     {
-        uint8_t fixed[24];
-        if (!take(fixed, sizeof fixed)) return 0;
-        const int32_t typeLength = at(fixed, 20);
-        std::vector<uint8_t> rest(static_cast<size_t>(typeLength) + 5);
-        if (!take(rest.data(), rest.size())) return 0;
-        std::vector<uint8_t> payload(static_cast<size_t>(at(rest.data(), static_cast<size_t>(typeLength) + 1)));
-        if (!payload.empty() && !take(payload.data(), payload.size())) return 0;
-        if (flowType != nullptr) *flowType = at(fixed, 8);
-        return at(fixed, 12);
+        Bytes message;
+        if (!readMessage(peer_, message)) return 0;
+        if (flowType != nullptr) *flowType = wordAt(message, 8);
+        return wordAt(message, 12);
     }
 
     static std::string be32(int32_t v) { return Wire().i32(v).str(); }
@@ -106,11 +101,6 @@ public:
     }
 
 private:
-    static int32_t at(const uint8_t* bytes, size_t offset) { return wordAt(Bytes(bytes + offset, bytes + offset + 4), 0); }
-
-    // Waits at most 10 s for the whole of it (the receive time-out is set on accepting).
-    bool take(uint8_t* into, size_t length) { return recv(peer_, into, length, MSG_WAITALL) == static_cast<ssize_t>(length); }
-
     int listener_ = -1, peer_ = -1, port_ = 0;
 };
 

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 
 #include "test_support.h"
 
@@ -31,51 +30,19 @@ void closeFd(int& fd)
     fd = -1;
 }
 
-// Spawns zepgw with pipes (close-on-exec here) as its standard input and output and `err` as its standard
-// error; *in receives the write end of its input, *out the read end of its output. -1 on failure.
-pid_t spawn(const std::vector<std::string>& args, int* in, int* out, int err)
-{
-    int inPipe[2] = {-1, -1}, outPipe[2] = {-1, -1};
-    std::vector<char*> argv{const_cast<char*>(ZepgwProcess::path())};
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (::pipe2(inPipe, O_CLOEXEC) == 0 && ::pipe2(outPipe, O_CLOEXEC) == 0) {
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, inPipe[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err, 2);
-        const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (rc != 0) {
-            std::fprintf(stderr, "cannot start %s: %s\n", argv[0], std::strerror(rc));
-            pid = -1;
-        }
-    }
-    closeFd(inPipe[0]);
-    closeFd(outPipe[1]);
-    *in = inPipe[1];
-    *out = outPipe[0];
-    return pid;
-}
-
-// Reads what comes into text for at most `seconds` or up to the end of the stream; stops early when
-// stopAtNewline and a newline has come. False when it stopped for the time.
-bool readUntil(int fd, std::string& text, double seconds, bool stopAtNewline)
+// Reads into `line` until a newline has come; false when none came within `seconds` or the stream ended first.
+bool readLine(int fd, std::string& line, double seconds)
 {
     const Clock::time_point start = Clock::now();
-    while (!stopAtNewline || text.find('\n') == std::string::npos) {
+    while (line.find('\n') == std::string::npos) {
         pollfd p{fd, POLLIN, 0};
         const int left = static_cast<int>(1000 * (seconds - secondsSince(start)));
         const int ready = ::poll(&p, 1, left < 0 ? 0 : left);
         if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) return false;
         char buf[4096];
-        const ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return !stopAtNewline;
-        text.append(buf, static_cast<size_t>(n));
+        const ssize_t n = ready > 0 ? ::read(fd, buf, sizeof buf) : 0;
+        if (n <= 0) return false;
+        line.append(buf, static_cast<size_t>(n));
     }
     return true;
 }
@@ -98,12 +65,33 @@ bool ZepgwProcess::start(std::vector<std::string> extraArgs)
     if (pid_ > 0) return false;
     closeFd(logFd_);
     logFd_ = ::memfd_create("zepgw-log", MFD_CLOEXEC);
-    extraArgs.insert(extraArgs.begin(), {"--port", "0", "--exit-on-stdin-eof"});
-    pid_ = spawn(extraArgs, &stdinFd_, &stdoutFd_, logFd_ >= 0 ? logFd_ : 2);
+    extraArgs.insert(extraArgs.begin(), {path(), "--port", "0", "--exit-on-stdin-eof"});
+    std::vector<char*> argv;
+    for (std::string& a : extraArgs) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    // Pipes (close-on-exec here) become its standard input and output.
+    int inPipe[2] = {-1, -1}, outPipe[2] = {-1, -1};
+    if (::pipe2(inPipe, O_CLOEXEC) == 0 && ::pipe2(outPipe, O_CLOEXEC) == 0) {
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, inPipe[0], 0);
+        posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, logFd_ >= 0 ? logFd_ : 2, 2);
+        const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (rc != 0) {
+            std::fprintf(stderr, "cannot start %s: %s\n", argv[0], std::strerror(rc));
+            pid_ = -1;
+        }
+    }
+    closeFd(inPipe[0]);
+    closeFd(outPipe[1]);
+    stdinFd_ = inPipe[1];
+    stdoutFd_ = outPipe[0];
     exited_ = false;
     std::string line;
     char* end = nullptr;
-    if (pid_ > 0 && readUntil(stdoutFd_, line, 10, true)) port_ = static_cast<int>(std::strtol(line.c_str(), &end, 10));
+    if (pid_ > 0 && readLine(stdoutFd_, line, 10)) port_ = static_cast<int>(std::strtol(line.c_str(), &end, 10));
     if (end != nullptr && end != line.c_str() && *end == '\n' && port_ > 0 && port_ <= 65535) return true;
     if (pid_ > 0) stop();
     pid_ = -1;
@@ -174,34 +162,15 @@ std::string ZepgwProcess::log() const
     return text;
 }
 
-bool ZepgwProcess::run(const std::vector<std::string>& args, std::string* out, int* status, double seconds)
-{
-    int in = -1, output = -1, st = 0;
-    const pid_t pid = spawn(args, &in, &output, 2);
-    std::string text;
-    const Clock::time_point start = Clock::now();
-    if (pid > 0) readUntil(output, text, seconds, false);
-    const bool ended = pid > 0 && reap(pid, seconds - secondsSince(start), &st);
-    if (pid > 0 && !ended) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &st, 0);
-    }
-    closeFd(in);
-    closeFd(output);
-    if (out != nullptr) *out = text;
-    if (status != nullptr) *status = st;
-    return ended;
-}
-
 TempFile::TempFile(const std::string& content)
 {
     const char* dir = std::getenv("TMPDIR");
-    std::string pattern = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/zepgw-test-XXXXXX";
-    const int fd = ::mkstemp(&pattern[0]);
-    if (fd < 0) return;
-    ::close(fd);
-    path_ = pattern;
-    std::ofstream(path_, std::ios::binary) << content;
+    path_ = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/zepgw-test-XXXXXX";
+    const int fd = ::mkstemp(&path_[0]);
+    if (fd < 0) path_.clear();
+    if (fd >= 0 && ::write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()))
+        std::perror("TempFile");
+    if (fd >= 0) ::close(fd);
 }
 
 TempFile::~TempFile() { if (!path_.empty()) ::unlink(path_.c_str()); }

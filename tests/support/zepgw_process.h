@@ -31,9 +31,6 @@ public:
     std::string log() const; // what zepgw wrote to its standard error so far
 
     static const char* path();   // the zepgw binary of this build
-    // Runs zepgw with args to its end (killed after `seconds`), collecting standard output; *status receives the
-    // waitpid status.
-    static bool run(const std::vector<std::string>& args, std::string* out, int* status, double seconds = 10);
 
 private:
     void closeFds();
