@@ -219,8 +219,7 @@ TEST(Races, CloseWaitsForEveryCallRegisteredBeforeItsCloseFlow)
                 else gw.send(id == MSGID_CLOSE ? kCloseFlow : ScriptedGateway::header(FLOW_ERROR, id, "ESI", 0, kFlowRc));
             }
         });
-        std::atomic<int> calls{0};
-        std::atomic<int> last{kFlowRc};
+        std::atomic<int> calls{0}, last{kFlowRc};
         std::thread esi([&] {
             while ((last = ZEP_ESI_verifyPassword(tok, "USER", "PASS", "SYS", nullptr)) == kFlowRc) calls++;
         });
