@@ -15,13 +15,21 @@ using std::chrono::seconds;
 
 int exec(GatewayToken* tok, EciParms&& parms) { return ZEP_ECI_Execute(tok, &parms); }
 
+// Makes a call that must succeed and returns its block, with what the call filled in.
+EciParms called(GatewayToken* tok, int callType, const char* program, void* area, int length, int extendMode = 0,
+                int32_t luw = 0)
+{
+    EciParms parms = eciBlock(callType, program, area, length);
+    parms.eci_extend_mode = static_cast<int16_t>(extendMode);
+    parms.eci_luw_token = luw;
+    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms)) << program;
+    return parms;
+}
+
 // Sends an asynchronous call and returns its message qualifier (0 when it failed).
 uint32_t startCall(GatewayToken* tok, const char* program, void* area, int length, int extendMode = 0)
 {
-    EciParms parms = eciBlock(ECI_ASYNC, program, area, length);
-    parms.eci_extend_mode = static_cast<int16_t>(extendMode);
-    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms)) << program;
-    return parms.eci_message_qualifier;
+    return called(tok, ECI_ASYNC, program, area, length, extendMode).eci_message_qualifier;
 }
 
 // Threads asleep on the token's reply event, by the trace.
@@ -40,9 +48,7 @@ TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
     char area[16] = "luw";
     EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, 999, area, sizeof area)));
     // A slot kept for a synchronous unit of work is not an asynchronous request.
-    EciParms luw = eciBlock(ECI_SYNC, "LUW", area, sizeof area);
-    luw.eci_extend_mode = 1;
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &luw));
+    const int32_t luw = called(tok, ECI_SYNC, "LUW", area, sizeof area, 1).eci_luw_token;
     EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, 1, area, sizeof area)));
 
     // Sent but not answered yet; then collected, and its qualifier names a free slot again.
@@ -51,21 +57,13 @@ TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
     EXPECT_EQ(ECI_ERR_NO_REPLY, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, q, area, sizeof area)));
     EXPECT_EQ(0, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, q, area, sizeof area)));
     EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, q, area, sizeof area)));
-    EciParms commit = eciBlock(ECI_SYNC, "LUW", area, sizeof area);
-    commit.eci_extend_mode = 2;
-    commit.eci_luw_token = luw.eci_luw_token;
-    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &commit));
+    called(tok, ECI_SYNC, "LUW", area, sizeof area, 2, luw);   // the commit
 
     // Extend mode 1 with a reply token of 0: a synchronous call frees its slot; after an asynchronous one the
     // collected slot stays kept, not free and not awaiting a reply.
-    EciParms sync = eciBlock(ECI_SYNC, "ECHO", area, sizeof area);
-    sync.eci_extend_mode = 1;
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &sync));
-    EXPECT_EQ(0, copyOf(sync.eci_luw_token));
+    EXPECT_EQ(0, copyOf(called(tok, ECI_SYNC, "ECHO", area, sizeof area, 1).eci_luw_token));
     EXPECT_EQ(1u, startCall(tok, "ECHO", area, sizeof area, 1));
-    EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, area, sizeof area);
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &collect));
-    EXPECT_EQ(0, copyOf(collect.eci_luw_token));
+    EXPECT_EQ(0, copyOf(called(tok, ECI_GET_REPLY_WAIT, "", area, sizeof area).eci_luw_token));
     EXPECT_EQ(ECI_ERR_NO_REPLY, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, 1, area, sizeof area)));
 
     // A specific reply can be taken out of order.
@@ -77,11 +75,8 @@ TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
     const uint32_t qb = startCall(tok, "UPPER", b, sizeof b);
     ASSERT_EQ(0, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, qb, reply, sizeof reply)));
     EXPECT_STREQ("BBB", reply);
-    EciParms first = replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply);
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &first));
-    EXPECT_EQ(qa, copyOf(first.eci_message_qualifier));
+    EXPECT_EQ(qa, copyOf(called(tok, ECI_GET_REPLY_WAIT, "", reply, sizeof reply).eci_message_qualifier));
     EXPECT_STREQ("AAA", reply);
-
 }
 
 TEST(EciAsync, ClosingTokenWithOutstandingRequestStillDeliversIt)
@@ -250,11 +245,9 @@ TEST(EciAsync, OneReplyWakesOneOfSeveralWaitersAndTheOthersWaitOn)
             return w.rc.wait_for(std::chrono::milliseconds(0)) == std::future_status::ready;
         });
     };
-    const char* texts[kWaiters] = {"one", "two", "three"};
+    char texts[kWaiters][8] = {"one", "two", "three"};
     for (int sent = 1; sent <= kWaiters; ++sent) {
-        char area[8] = {};
-        strcpy(area, texts[sent - 1]);
-        ASSERT_NE(0u, startCall(tok, "ECHO", area, sizeof area));
+        ASSERT_NE(0u, startCall(tok, "ECHO", texts[sent - 1], sizeof texts[0]));
         ASSERT_TRUE(pollUntil([&] { return ready() >= sent; }));
         EXPECT_EQ(sent, ready()) << "a waiter returned without a reply of its own";
     }

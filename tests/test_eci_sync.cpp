@@ -21,6 +21,13 @@ EciParms block(int callType, const char* program, void* area, int length, int ex
     return parms;
 }
 
+// Makes a call that must succeed and returns its block, with what the call filled in.
+EciParms called(GatewayToken* tok, EciParms parms)
+{
+    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms));
+    return parms;
+}
+
 // Every test here runs on a fresh zepgw with an open token.
 class EciSync : public ::testing::Test {
 protected:
@@ -100,34 +107,23 @@ TEST_F(EciSync, PasswordIsHiddenInTheBlockDumpsAndRestored)
     EXPECT_NE(std::string::npos, dump[3].find(": 2A2A2A2A 2A2A2A2A 2A2A0000 ")) << dump[3];
 }
 
-int be32(const char* b)
-{
-    return (uint8_t)b[0] << 24 | (uint8_t)b[1] << 16 | (uint8_t)b[2] << 8 | (uint8_t)b[3];
-}
+int be32(const char* b) { return (uint8_t)b[0] << 24 | (uint8_t)b[1] << 16 | (uint8_t)b[2] << 8 | (uint8_t)b[3]; }
 
 TEST_F(EciSync, ExtendedUnitOfWorkAcrossThreeCalls)
 {
     char area[16] = {}, reply[16];
-    EciParms first = block(ECI_SYNC, "LUW", area, sizeof area, 1);
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &first));
-    const int32_t token = first.eci_luw_token;
+    const int32_t token = called(tok, block(ECI_SYNC, "LUW", area, sizeof area, 1)).eci_luw_token;
     ASSERT_NE(0, token);
     EXPECT_EQ(1, be32(area));
-    EciParms second = block(ECI_SYNC, "LUW", area, sizeof area, 1, token);
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &second));
-    EXPECT_EQ(token, copyOf(second.eci_luw_token));
+    EXPECT_EQ(token, copyOf(called(tok, block(ECI_SYNC, "LUW", area, sizeof area, 1, token)).eci_luw_token));
     EXPECT_EQ(2, be32(area));
     // While a request of the unit is in flight (an asynchronous one, not yet collected), the unit is busy.
-    EciParms async = block(ECI_ASYNC, "LUW", area, sizeof area, 1, token);
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &async));
+    const uint32_t q = called(tok, block(ECI_ASYNC, "LUW", area, sizeof area, 1, token)).eci_message_qualifier;
     EXPECT_EQ(ECI_ERR_ALREADY_ACTIVE, exec(tok, block(ECI_SYNC, "LUW", area, sizeof area, 1, token)));
-    EciParms collect = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, async.eci_message_qualifier, reply, sizeof reply);
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &collect));
+    const EciParms collected = called(tok, replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, q, reply, sizeof reply));
+    EXPECT_EQ(token, copyOf(collected.eci_luw_token));
     EXPECT_EQ(3, be32(reply));
-    EXPECT_EQ(token, copyOf(collect.eci_luw_token));
-    EciParms commit = block(ECI_SYNC, "LUW", area, sizeof area, 2, token);
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &commit));
-    EXPECT_EQ(0, copyOf(commit.eci_luw_token));
+    EXPECT_EQ(0, copyOf(called(tok, block(ECI_SYNC, "LUW", area, sizeof area, 2, token)).eci_luw_token));
     // The unit is over: its token names no slot any more.
     EXPECT_EQ(ECI_ERR_LUW_TOKEN, exec(tok, block(ECI_SYNC, "LUW", area, sizeof area, 1, token)));
 }
@@ -225,9 +221,7 @@ TEST_F(EciChannel, AsynchronousCallKeepsTheChannelLockedUntilCollected)
     EXPECT_TRUE(pollUntil([&] { return trace.has(1463, waiting); }));   // the deleter is blocked on the lock
     EXPECT_EQ(std::future_status::timeout, deleter.wait_for(std::chrono::milliseconds(0)));
     EXPECT_EQ(1, channel->isLocked);
-    EciParms collect = replyBlock(ECI_GET_REPLY_WAIT, 0, nullptr, 0);
-    ASSERT_EQ(0, ZEP_ECI_Execute(tok, &collect));
-    EXPECT_EQ(channel, copyOf(collect.eci_channel));
+    EXPECT_EQ(channel, copyOf(called(tok, replyBlock(ECI_GET_REPLY_WAIT, 0, nullptr, 0)).eci_channel));
     ASSERT_EQ(std::future_status::ready, deleter.wait_for(seconds(5)));
     EXPECT_EQ(0, deleter.get());
     EXPECT_EQ(nullptr, doomed);
@@ -238,7 +232,7 @@ TEST_F(EciChannel, AsynchronousCallKeepsTheChannelLockedUntilCollected)
     EciParms failing = block(ECI_ASYNC, "FERROR", nullptr, 0, 0, 0, channel);
     ASSERT_EQ(0, ZEP_ECI_Execute_Channel(tok, &failing));
     EXPECT_EQ(1, channel->isLocked);
-    collect = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, failing.eci_message_qualifier, nullptr, 0);
+    EciParms collect = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, failing.eci_message_qualifier, nullptr, 0);
     EXPECT_EQ(ZEP_ERR_WORK_WAS_REFUSED, ZEP_ECI_Execute_Channel(tok, &collect));
     EXPECT_EQ(channel, copyOf(collect.eci_channel));
     EXPECT_EQ(0, channel->isLocked);

@@ -6,12 +6,18 @@
 
 namespace {
 
+/* Bytes first, first + 1, ... */
+Bytes counting(size_t n, uint8_t first = 1)
+{
+    Bytes b(n);
+    for (size_t i = 0; i < n; i++) b[i] = static_cast<uint8_t>(first + i);
+    return b;
+}
+
 /* A program call of PROG1 at SYS1 with a COMMAREA of `length` bytes 0, 1, 2, ... */
 struct ProgramCall {
-    explicit ProgramCall(int32_t length) : commarea(static_cast<size_t>(length))
+    explicit ProgramCall(int32_t length) : commarea(counting(static_cast<size_t>(length), 0))
     {
-        for (size_t i = 0; i < commarea.size(); i++) commarea[i] = static_cast<uint8_t>(i);
-        memset(&request, 0, sizeof request);
         request.requestKind = ECI_KIND_PROGRAM;
         memcpy(request.systemName, "SYS1\0\0\0\0", 8);
         request.userid = "USER1";
@@ -25,7 +31,7 @@ struct ProgramCall {
         request.correlator = 5;
     }
     Bytes commarea;
-    EciRequest request;
+    EciRequest request = {};
 };
 
 /* Sends the request; returns the whole message, whose header must announce the payload that follows. */
@@ -54,7 +60,6 @@ TEST(EciRequestFlow, HundredByteCommareaGivesTheGoldenPayloadAndTheDumpHidesTheP
     expected.i32(2).scrambled("pw").text("PROG1   ").text("TRN1").i32(0);
     expected.i32(100).u8(0).u8(0).raw(call.commarea).u8(0).i16(30).u8(0).i32(-1).i32(5);
     EXPECT_EQ(toHex(expected.b), toHex(wire));
-    EXPECT_EQ(std::vector<std::string>({"EXIT calculateECIRequestSize() requestSize=185"}), recordTexts(trace, 3203));
     /* The data dump shows the first 128 bytes, the two password bytes (after 32 + 49 bytes) as asterisks. */
     std::vector<TraceRecord> data = trace.find(2526);
     ASSERT_EQ(1u, data.size());
@@ -97,13 +102,6 @@ TEST(EciRequestFlow, SizeEqualsTheBytesWrittenForEveryCombination)
 /* ---- Replies ---- */
 
 constexpr int32_t NO_DATA_LENGTH = INT32_MIN; /* the reply carries no separate data length */
-
-Bytes counting(size_t n)
-{
-    Bytes b(n);
-    for (size_t i = 0; i < n; i++) b[i] = static_cast<uint8_t>(i + 1);
-    return b;
-}
 
 /* A program reply: COMMAREA length, an optional data length, `sent` data bytes 1, 2, 3, ... and no channel. */
 Bytes programReply(int32_t commareaLength, int32_t dataLength, size_t sent)
@@ -167,8 +165,7 @@ TEST(EciReply, DecodingTable)
         TraceCapture trace(1);
         Bytes area(c.capacity + 1, 0xAA);
         area[c.capacity] = 0x5A; /* the byte after the area */
-        EciRequest request;
-        memset(&request, 0, sizeof request);
+        EciRequest request = {};
         request.commarea = area.data();
         request.commareaCapacity = c.capacity;
         request.extendMode = c.extendMode;

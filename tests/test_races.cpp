@@ -13,21 +13,23 @@ namespace {
 using namespace std::chrono_literals;
 constexpr int32_t kFlowRc = -7;   // the code of the scripted Gateway's error flows
 
-// A call that has not ended in time cannot be taken back: the process ends at once with a message.
-void endsWithin(std::function<void()> call, const char* what)
+// A call that has not ended in time cannot be taken back: the process ends at once with a message. Returns the
+// time the call took.
+Clock::duration endsWithin(std::function<void()> call, const char* what)
 {
     auto done = std::make_shared<std::promise<void>>();
     std::future<void> ended = done->get_future();
+    const auto start = Clock::now();
     std::thread([call, done] { call(); done->set_value(); }).detach();
-    if (ended.wait_for(10s) == std::future_status::ready) return;
+    if (ended.wait_for(10s) == std::future_status::ready) return Clock::now() - start;
     std::fprintf(stderr, "%s did not end within 10 s\n", what);
     std::fflush(stderr);
     std::_Exit(1);
 }
 
-void closeEnds(GatewayToken** tok)
+Clock::duration closeEnds(GatewayToken** tok)
 {
-    endsWithin([tok] { EXPECT_EQ(0, ZEP_closeGatewayConnection(tok)); }, "the close");
+    return endsWithin([tok] { EXPECT_EQ(0, ZEP_closeGatewayConnection(tok)); }, "the close");
 }
 
 // True while both the round budget and the time budget last.
@@ -38,11 +40,25 @@ struct Rounds {
     bool next() { return left-- > 0 && Clock::now() < until; }
 };
 
-EciParms eci(int callType, const char* program, Channel* channel = nullptr)
+// One call, through the channel entry point when it names a channel.
+int call(GatewayToken* tok, EciParms p, Channel* channel = nullptr)
 {
-    EciParms p = eciBlock(callType, program);
     p.eci_channel = channel;
-    return p;
+    return channel != nullptr ? ZEP_ECI_Execute_Channel(tok, &p) : ZEP_ECI_Execute(tok, &p);
+}
+
+int collect(GatewayToken* tok, int callType, uint32_t qualifier)
+{
+    return call(tok, replyBlock(callType, qualifier, nullptr, 0));
+}
+
+// `count` asynchronous calls that the scripted Gateway reads and leaves unanswered, in slots 1, 2, ...
+void sendUnanswered(ScriptedGateway& gw, GatewayToken* tok, int count)
+{
+    for (int i = 1; i <= count; i++) {
+        ASSERT_EQ(0, call(tok, eciBlock(ECI_ASYNC, "HANG")));
+        ASSERT_EQ(i, gw.nextRequest());
+    }
 }
 
 std::string errorFlows(int32_t messageId, int count)
@@ -93,20 +109,12 @@ TEST(Races, PurgeWithALimitEndsWhileACallWaitsForAChannelOfAnUncollectedRequest)
     GatewayConnection gc;
     GatewayToken* tok = gc.token();
     Channel* chan = channelWith("RACES", "DATA");
-    EciParms async = eci(ECI_ASYNC, "HANG", chan);
-    ASSERT_EQ(0, ZEP_ECI_Execute_Channel(tok, &async));
+    ASSERT_EQ(0, call(tok, eciBlock(ECI_ASYNC, "HANG"), chan));
     TraceCapture trace(2);
-    int syncRc = 0;
-    std::thread waiter([&] {
-        EciParms sync = eci(ECI_SYNC, "CHANNEL", chan);
-        syncRc = ZEP_ECI_Execute_Channel(tok, &sync);
-    });
+    auto waiter = std::async(std::launch::async, [&] { return call(tok, eciBlock(ECI_SYNC, "CHANNEL"), chan); });
     EXPECT_TRUE(pollUntil([&] { return trace.hasId(1463); })) << "the synchronous call never waited for the channel";
-    const auto start = Clock::now();
-    endsWithin([&] { EXPECT_EQ(0, ZEP_purgeGatewayConnection(gc.tokenPtr(), 1)); }, "the purge");
-    EXPECT_LT(Clock::now() - start, 5s);
-    waiter.join();
-    EXPECT_EQ(ZEP_ERR_GATEWAY_CLOSED, syncRc);
+    EXPECT_LT(endsWithin([&] { EXPECT_EQ(0, ZEP_purgeGatewayConnection(gc.tokenPtr(), 1)); }, "the purge"), 5s);
+    EXPECT_EQ(ZEP_ERR_GATEWAY_CLOSED, waiter.get());
     endsWithin([&] { EXPECT_EQ(0, ECI_deleteChannel(&chan)); }, "deleting the channel");
 }
 
@@ -116,20 +124,14 @@ TEST(Races, ErrorFlowsForASlotWhoseBlockIsFreedMeanwhile)
     ScriptedGateway gw;
     GatewayToken* tok = gw.open();
     ASSERT_NE(nullptr, tok);
-    std::vector<EciParms> held(16, eci(ECI_ASYNC, "HANG"));
-    for (EciParms& p : held) {
-        ASSERT_EQ(0, ZEP_ECI_Execute(tok, &p));
-        ASSERT_NE(0, gw.nextRequest());
-    }
+    ASSERT_NO_FATAL_FAILURE(sendUnanswered(gw, tok, 16));
     const std::string burst = errorFlows(17, 64);
     TraceCapture trace(1);   // each error flow's records widen the receiver's step from lookup to delivery
     for (Rounds r(300, 20s); r.next();) {
-        EciParms p = eci(ECI_ASYNC, "PROG");
-        ASSERT_EQ(0, ZEP_ECI_Execute(tok, &p));
+        ASSERT_EQ(0, call(tok, eciBlock(ECI_ASYNC, "PROG")));
         ASSERT_EQ(17, gw.nextRequest());
         gw.send(burst);
-        EciParms get = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, 17, nullptr, 0);
-        ASSERT_EQ(kFlowRc, ZEP_ECI_Execute(tok, &get));
+        ASSERT_EQ(kFlowRc, collect(tok, ECI_GET_SPECIFIC_REPLY_WAIT, 17));
     }
     gw.hangUp();
     EXPECT_EQ(0, ZEP_purgeGatewayConnection(&tok, 0));
@@ -149,16 +151,14 @@ TEST(Races, ErrorFlowsReachOnlyRequestsThatWereSent)
     });
     std::thread collector([&] {
         while (sending) {
-            EciParms get = replyBlock(ECI_GET_REPLY, 0, nullptr, 0);
-            const int rc = ZEP_ECI_Execute(tok, &get);
+            const int rc = collect(tok, ECI_GET_REPLY, 0);
             if (rc == kFlowRc) collected++;
             else if (rc != ECI_ERR_NO_REPLY) ADD_FAILURE() << "collected " << rc;
         }
     });
     int sent = 0;
     for (Rounds r(300, 10s); r.next() && collected == sent; sent++) {
-        EciParms p = eci(ECI_ASYNC, "PROG");
-        EXPECT_EQ(0, ZEP_ECI_Execute(tok, &p));
+        EXPECT_EQ(0, call(tok, eciBlock(ECI_ASYNC, "PROG")));
         for (auto until = Clock::now() + 5s; collected == sent && Clock::now() < until;) std::this_thread::yield();
     }
     sending = false;
@@ -190,8 +190,7 @@ TEST(Races, ChannelDumpsWhileContainersChange)
     std::thread caller([&] {
         while (busy) {
             EXPECT_EQ(0, ECI_createContainer(replied, "DELME", ECI_BIT, 0, "abcd", 4));
-            EciParms p = eci(ECI_SYNC, "CHANNEL", replied);
-            EXPECT_EQ(0, ZEP_ECI_Execute_Channel(gc.token(), &p));
+            EXPECT_EQ(0, call(gc.token(), eciBlock(ECI_SYNC, "CHANNEL"), replied));
         }
     });
     for (Rounds r(300, 10s); r.next();) EXPECT_EQ(0, ZEP_ECI_dumpChannels());
@@ -220,8 +219,7 @@ TEST(Races, CloseWaitsForEveryCallRegisteredBeforeItsCloseFlow)
                 else gw.send(id == MSGID_CLOSE ? kCloseFlow : ScriptedGateway::header(FLOW_ERROR, id, "ESI", 0, kFlowRc));
             }
         });
-        std::atomic<int> calls{0};
-        std::atomic<int> last{kFlowRc};
+        std::atomic<int> calls{0}, last{kFlowRc};
         std::thread esi([&] {
             while ((last = ZEP_ESI_verifyPassword(tok, "USER", "PASS", "SYS", nullptr)) == kFlowRc) calls++;
         });
@@ -246,15 +244,10 @@ TEST(Races, CloseOfAnEndedConnectionReleasesUncollectedRequests)
         GatewayConnection gc;
         Channel* chan = channelWith("ENDED", "DATA");
         char area[16] = "never answered";
-        EciParms viaArea = eciBlock(ECI_ASYNC, "HANG", area, sizeof area);
-        EciParms viaChannel = eci(ECI_ASYNC, "HANG", chan);
-        ASSERT_EQ(0, ZEP_ECI_Execute(gc.token(), &viaArea));
-        ASSERT_EQ(0, ZEP_ECI_Execute_Channel(gc.token(), &viaChannel));
-        EciParms ending = eci(ECI_SYNC, c.program);
-        EXPECT_EQ(c.rc, ZEP_ECI_Execute(gc.token(), &ending));
-        const auto start = Clock::now();
-        closeEnds(gc.tokenPtr());
-        EXPECT_LT(Clock::now() - start, 1s);
+        ASSERT_EQ(0, call(gc.token(), eciBlock(ECI_ASYNC, "HANG", area, sizeof area)));
+        ASSERT_EQ(0, call(gc.token(), eciBlock(ECI_ASYNC, "HANG"), chan));
+        EXPECT_EQ(c.rc, call(gc.token(), eciBlock(ECI_SYNC, c.program)));
+        EXPECT_LT(closeEnds(gc.tokenPtr()), 1s);
         EXPECT_EQ(nullptr, gc.token());
         endsWithin([&] { EXPECT_EQ(0, ECI_deleteChannel(&chan)); }, "deleting the channel");
     }
@@ -268,24 +261,14 @@ TEST(Races, ReplyWaitersRacingTheGatewaysCloseFlowLeaveNoCloseWaiting)
         ScriptedGateway gw;
         GatewayToken* tok = gw.open();
         ASSERT_NE(nullptr, tok);
-        for (int i = 1; i <= kWaiters + 1; i++) {
-            EciParms async = eci(ECI_ASYNC, "PROG");
-            ASSERT_EQ(0, ZEP_ECI_Execute(tok, &async));
-            ASSERT_EQ(i, gw.nextRequest());
-        }
-        std::vector<int> waitRc(kWaiters + 1, 0);
-        std::vector<std::thread> waiters;
-        for (int i = 1; i <= kWaiters; i++) {
-            waiters.emplace_back([&, i] {
-                EciParms get = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, i, nullptr, 0);
-                waitRc[i] = ZEP_ECI_Execute(tok, &get);
-            });
-        }
+        ASSERT_NO_FATAL_FAILURE(sendUnanswered(gw, tok, kWaiters + 1));
+        std::vector<std::future<int>> waiters;
+        for (uint32_t i = 1; i <= kWaiters; i++)
+            waiters.push_back(
+                std::async(std::launch::async, [=] { return collect(tok, ECI_GET_SPECIFIC_REPLY_WAIT, i); }));
         gw.send(errorFlows(kWaiters + 1, 1) + kCloseFlow);
-        for (std::thread& waiter : waiters) waiter.join();
-        for (int i = 1; i <= kWaiters; i++) EXPECT_EQ(ZEP_ERR_GATEWAY_CLOSED, waitRc[i]) << i;
-        EciParms answered = replyBlock(ECI_GET_SPECIFIC_REPLY, kWaiters + 1, nullptr, 0);
-        EXPECT_EQ(kFlowRc, ZEP_ECI_Execute(tok, &answered));
+        for (auto& waiter : waiters) EXPECT_EQ(ZEP_ERR_GATEWAY_CLOSED, waiter.get());
+        EXPECT_EQ(kFlowRc, collect(tok, ECI_GET_SPECIFIC_REPLY, kWaiters + 1));
         closeEnds(&tok);
     }
 }
