@@ -55,15 +55,13 @@ const Code esiCodes[] = {
     {-22, -22, "ESI_ERR_UNKNOWN_SERVER"}, {-9, -9, "ESI_ERR_SYSTEM_ERROR"}, {-102, -102, "ESI_ERR_NULL_NEW_PASSWORD"},
     {-107, -107, "ESI_ERR_PASSWORD_REJECTED"}, {-28, -28, "ESI_ERR_MAX_SYSTEMS"}, {-29, -29, "ESI_ERR_MAX_SESSIONS"},
 };
-// General names first, then the ECI table (falling through to the channel table), then the ESI table.
+// General names first, then the ECI table (falling through to the channel table), then the ESI table: one value
+// for each way one family shadows another.
 const Code generalLookup[] = {
-    {-9, -9, "ZEP_ERR_SYSTEM_ERROR"}, {-109, -109, "ZEP_ERR_NULLPTR"}, {-111, -111, "ZEP_ERR_MALLOCFAIL"},
-    {-101, -101, "ZEP_ERR_BADGWTOK"}, {-108, -108, "ZEP_ERR_NULLGWTOKPTR"}, {-104, -104, "ZEP_ERR_TRACELEVEL"},
-    {0, 0, "ZEP_OK"}, {-1, -1, "ECI_ERR_INVALID_DATA_LENGTH"}, {-3, -3, "ECI_ERR_NO_VANT"}, {-17, -17, "ECI_ERR_NO_SESSIONS"},
-    {-22, -22, "ECI_ERR_UNKNOWN_SERVER"}, {-27, -27, "ECI_ERR_SECURITY_ERROR"}, {-29, -29, "ECI_ERR_MAX_SESSIONS"},
-    {-50, -50, "ECI_ERR_INVALID_CHANNEL"}, {-60, -60, "ECI_ERR_COMMAREA_AND_CHANNEL"}, {-121, -121, "ECI_ERR_LOCKFAIL"},
-    {-105, -105, "ESI_ERR_PASSWORD_EXPIRED"}, {-106, -106, "ESI_ERR_PASSWORD_INVALID"},
-    {-300, -300, "ESI_ERR_USERID_INVALID"}, {-315, -315, "ESI_ERR_PASSWORD_REJECTED"},
+    {-9, -9, "ZEP_ERR_SYSTEM_ERROR"}, {-109, -109, "ZEP_ERR_NULLPTR"}, {-101, -101, "ZEP_ERR_BADGWTOK"},
+    {0, 0, "ZEP_OK"}, {-3, -3, "ECI_ERR_NO_VANT"}, {-29, -29, "ECI_ERR_MAX_SESSIONS"},
+    {-50, -50, "ECI_ERR_INVALID_CHANNEL"}, {-121, -121, "ECI_ERR_LOCKFAIL"}, {-106, -106, "ESI_ERR_PASSWORD_INVALID"},
+    {-315, -315, "ESI_ERR_PASSWORD_REJECTED"},
 };
 
 }  // namespace
