@@ -19,8 +19,7 @@ TEST(TokenList, LookupFormattedLineAndDump)
     ZepgwProcess gw;
     ASSERT_TRUE(gw.start());
     TraceCapture trace(4);
-    GatewayToken outsider;
-    memset(static_cast<void*>(&outsider), 0, sizeof outsider);
+    GatewayToken outsider = {};
     const std::string rule(80, '-');
     auto dumped = [&] {   // the dump's lines without the records around them
         trace.clear();
@@ -82,8 +81,7 @@ TEST(SlotTable, LowestFreeSlotFirstAndOnlyTheLastBlockTrims)
 {
     ASSERT_EQ(0, clapiInit());
     TraceCapture trace(4);
-    RequestSlot table[SLOTS_PER_TABLE];
-    memset(static_cast<void*>(table), 0, sizeof table);
+    RequestSlot table[SLOTS_PER_TABLE] = {};
     for (int i = 0; i < SLOTS_PER_TABLE; i++) {
         table[i].slotNumber = i + 1;
         table[i].nextSlot = i + 1 < SLOTS_PER_TABLE ? &table[i + 1] : nullptr;
@@ -104,8 +102,7 @@ TEST(SlotTable, LowestFreeSlotFirstAndOnlyTheLastBlockTrims)
     slots[1]->flowRc = -102;
     slots[1]->esiDetailsPtr = &details;
     slotFree(table, slots[1]);
-    EciParms zero;
-    memset(&zero, 0, sizeof zero);
+    const EciParms zero = {};
     EXPECT_EQ(0, memcmp(&zero, &slots[1]->request, sizeof zero));
     EXPECT_EQ(-102, slots[1]->flowRc);
     EXPECT_EQ(&details, slots[1]->esiDetailsPtr);

@@ -160,12 +160,8 @@ TEST(SocketBufferRead, EachCaseReadsItsValuesAndLeavesTheNextMessage)
         ASSERT_EQ(0, in.rc);
         EXPECT_EQ(c.values, c.read(&in.sb));
         EXPECT_EQ(c.errorCode, in.sb.errorCode);
-        if (c.errorCode == 0) {
-            EXPECT_EQ(0u, in.sb.bytesRemaining + in.sb.bytesInBuffer);
-        }
-        if (c.traceId != 0) {
-            EXPECT_EQ(c.trace, onlyRecord(trace, c.traceId));
-        }
+        if (c.errorCode == 0) { EXPECT_EQ(0u, in.sb.bytesRemaining + in.sb.bytesInBuffer); }
+        if (c.traceId != 0) { EXPECT_EQ(c.trace, onlyRecord(trace, c.traceId)); }
         writer.join();
         ASSERT_EQ(0, initReadBuffer(&in.sb, pair.lib, 4));
         EXPECT_EQ(0x0BADF00D, readInt(&in.sb));
@@ -215,8 +211,7 @@ TEST(SocketBufferInit, BlockIsAllocatedOnceAndReusedWhileLargeEnough)
     ASSERT_EQ(0, initWriteBuffer(&sb, pair.lib, 40000));
     EXPECT_TRUE(sb.bufferSize == 33000 && sb.bytesRemaining == 40000);
 
-    SocketBuffer zeroed;
-    memset(&zeroed, 0, sizeof zeroed);
+    SocketBuffer zeroed = {};
     EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, freeBuffer(&zeroed));
     EXPECT_EQ("*EXC* Buffer not initialized: " + pointerText(&zeroed), onlyRecord(trace, 2517));
 }
