@@ -117,6 +117,15 @@ struct ReadCase {
     const char* trace = "";
 };
 
+/* The value before `n` skipped bytes and the one after them. */
+template <uint32_t n>
+Values aroundSkip(SocketBuffer* sb)
+{
+    const long first = readInt(sb);
+    skipBytes(sb, n);
+    return Values{first, readInt(sb)};
+}
+
 /* Each message is followed by the next; reading one never takes the next one's bytes. */
 TEST(SocketBufferRead, EachCaseReadsItsValuesAndLeavesTheNextMessage)
 {
@@ -139,10 +148,8 @@ TEST(SocketBufferRead, EachCaseReadsItsValuesAndLeavesTheNextMessage)
              return Values{readInt(sb), readInt(sb)};
          },
          {0x0A0B0C0D, 0x01020304}},
-        {"skip one", Wire().i32(1).fill(1, 0xEE).i32(2).b,
-         [](SocketBuffer* sb) { const long first = readInt(sb); skipBytes(sb, 1); return Values{first, readInt(sb)}; }, {1, 2}},
-        {"skip two blocks", Wire().i32(1).fill(70001, 0xEE).i32(2).b,
-         [](SocketBuffer* sb) { const long first = readInt(sb); skipBytes(sb, 70001); return Values{first, readInt(sb)}; }, {1, 2}},
+        {"skip one", Wire().i32(1).fill(1, 0xEE).i32(2).b, aroundSkip<1>, {1, 2}},
+        {"skip two blocks", Wire().i32(1).fill(70001, 0xEE).i32(2).b, aroundSkip<70001>, {1, 2}},
         {"message shorter than its reads", Wire().hex("0102").b, [](SocketBuffer* sb) { return Values{readInt(sb)}; },
          {0}, EPROTO, 2546, "*EXC* Message ends early: 4 bytes wanted, 2 bytes left"},
     };
