@@ -1,7 +1,6 @@
 // Closing, purging and closing all connections: what waiting calls get, time limits, the token list
 // afterwards, channels of kept units of work, and descriptors of ended connections.
 #include <fcntl.h>
-#include <unistd.h>
 
 #include "library_support.h"
 
@@ -113,8 +112,6 @@ TEST_F(Close, CloseAllClosesEveryTokenInOrder)
     EXPECT_EQ(expected, recordTexts(trace, 2015));
     const std::string closed = "EVENT clapi_gwycon.receiverThread() Connection closed, initiated by API; closeRc=-140 (ZEP_ERR_GWTOK_CLOSED)";
     EXPECT_EQ(std::vector<std::string>(2, closed), recordTexts(trace, 3042));
-    EXPECT_TRUE(trace.has(2037, "clapi_gwytok.clapiDeleteGatewayTokens() Entries deleted=2, rc=0"));
-    EXPECT_TRUE(trace.has(1015, "API.ZEP_closeAllGatewayConnections() Closed all Gateway connections"));
 }
 
 // Starts a unit of work with an asynchronous channel call and collects its reply: the slot stays kept.
@@ -171,10 +168,7 @@ TEST_F(Close, DescriptorOfAnEndedConnectionStaysTakenUntilTheTokenIsFreed)
     ASSERT_EQ(0, clapiTimedWaitEvent(&tok->recvThreadEndedEvent, 10, &expired));
     ASSERT_EQ(0, expired) << "the receiver thread has ended";
     // A late sender must not find the number reused by another connection or file.
-    EXPECT_NE(-1, fcntl(descriptor, F_GETFD));
-    const int reused = dup(0);
-    EXPECT_NE(descriptor, reused);
-    close(reused);
+    EXPECT_NE(-1, fcntl(descriptor, F_GETFD)) << "still open, so no new descriptor can take the number";
     char area[8] = "late";
     EXPECT_NE(0, callProgram(tok, "ECHO", area, 4));
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));

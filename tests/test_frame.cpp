@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -27,19 +29,15 @@ TEST(Frame, ConcurrentFirstCalls)
     ASSERT_EQ(0u, clapiState);
     const int threads = 8;
     std::atomic<int> ready{0};
-    std::vector<int> results(threads, -1);
-    std::vector<char*> versions(threads, nullptr);
-    std::vector<std::thread> workers;
+    std::vector<std::future<std::string>> calls;
     for (int t = 0; t < threads; ++t)
-        workers.emplace_back([&, t] {
+        calls.push_back(std::async(std::launch::async, [&] {
             for (++ready; ready.load() < threads;) std::this_thread::yield();
-            results[t] = ZEP_getAPIVersion(&versions[t]);
-        });
-    for (std::thread& worker : workers) worker.join();
-    for (int t = 0; t < threads; ++t) {
-        EXPECT_EQ(0, results[t]) << t;
-        EXPECT_STREQ("2.3.0.0", versions[t]) << t;
-    }
+            char* version = nullptr;
+            const int rc = ZEP_getAPIVersion(&version);
+            return std::to_string(rc) + " " + (version != nullptr ? version : "NULL");
+        }));
+    for (auto& call : calls) EXPECT_EQ("0 2.3.0.0", call.get());
     EXPECT_EQ(1u, clapiState);
     EXPECT_EQ(0, clapiInitRc);
 }

@@ -1,23 +1,11 @@
 // An application may define functions whose names the library also exports for its own use. The
 // library's calls must still reach its own code: here the program defines closeSocket and isLeapYear.
-#include <dirent.h>
-
 #include <gtest/gtest.h>
 
 #include "zepclient.h"
 #include "zepgw_process.h"
 
-namespace {
-int namesakeCalls = 0;
-
-int openDescriptors() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dir != nullptr && readdir(dir) != nullptr) ++count;
-    if (dir != nullptr) closedir(dir);
-    return count;
-}
-}  // namespace
+static int namesakeCalls = 0;
 
 // Namesakes that would break the library if it called them: one closes nothing, one inverts leap years.
 extern "C" int closeSocket(int) {
@@ -33,17 +21,13 @@ extern "C" int isLeapYear(int year) {
 TEST(Interposition, TheLibraryCallsItsOwnFunctions) {
     ZepgwProcess gw;
     ASSERT_TRUE(gw.start());
-    const int before = openDescriptors();
     GatewayToken* token = nullptr;
     ASSERT_EQ(ZEP_OK, ZEP_openRemoteGatewayConnection("127.0.0.1", gw.port(), &token, 5));
     ASSERT_EQ(ZEP_OK, ZEP_closeGatewayConnection(&token));
-    EXPECT_EQ(before, openDescriptors()) << "closing a connection closes its socket";
-    struct Case { int32_t year; int dayOfYear; } cases[] = {{2024, 61}, {2023, 60}, {2000, 61}, {1900, 60}};
-    for (const Case& c : cases) {
-        const EsiTime march1 = {c.year, 2, 1, 12, 0, 0, 0};
-        struct tm result = {};
-        ASSERT_EQ(&result, ZEP_ESI_convertTime(&march1, &result));
-        EXPECT_EQ(c.dayOfYear, result.tm_yday) << c.year;
-    }
+    const EsiTime march1 = {2024, 2, 1, 12, 0, 0, 0};
+    struct tm result = {};
+    ASSERT_EQ(&result, ZEP_ESI_convertTime(&march1, &result));
+    EXPECT_EQ(61, result.tm_yday) << "2024 is a leap year";
+    // Every call of a namesake counts, whatever it returns; test_close sees that a close frees the descriptor.
     EXPECT_EQ(0, namesakeCalls);
 }

@@ -15,9 +15,7 @@ namespace {
 TEST(Locks, DeadLocksAreRefused)
 {
     TraceCapture trace(1);
-    ClapiLock destroyed, never;
-    memset(&destroyed, 0, sizeof destroyed);
-    memset(&never, 0, sizeof never);
+    ClapiLock destroyed = {}, never = {};
     ASSERT_EQ(0, clapiInitializeLock(&destroyed));
     ASSERT_EQ(0, clapiDestroyLock(&destroyed));
     const struct { int (*operation)(ClapiLock*); int id; const char* name; } cases[] = {

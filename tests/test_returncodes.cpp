@@ -12,8 +12,11 @@
 
 namespace {
 
-struct Code { int macro, value; const char* name; };
-#define RC(name, value) {name, value, #name}
+// `alias`: a second value read as the same name, the Gateway's value for an ESI condition.
+struct Code { int macro, value; const char* name; int alias; };
+#define RC(name, value) {name, value, #name, value}
+#define ESI(name, value, gateway) {name, value, #name, gateway}
+#define AS(value, name) {value, value, name, value}
 
 const Code generalCodes[] = {
     RC(ZEP_OK, 0), RC(ZEP_ERR_SYSTEM_ERROR, -9), RC(ZEP_ERR_MORE_SYSTEMS, -25), RC(ZEP_ERR_NO_SYSTEMS, -26),
@@ -41,29 +44,22 @@ const Code channelCodes[] = {
     RC(ECI_ERR_CONTAINER_NOTFOUND, -58), RC(ECI_ERR_CONTAINER_EXISTS, -59), RC(ECI_ERR_COMMAREA_AND_CHANNEL, -60),
     RC(ECI_ERR_NULLPTR, -109), RC(ECI_ERR_MEMORY_SHORTAGE, -111), RC(ECI_ERR_LOCKFAIL, -121),
 };
-// The library's ESI codes, then the Gateway's value for each condition under the same name.
 const Code esiCodes[] = {
-    RC(ESI_ERR_USERID_INVALID, -300), RC(ESI_ERR_NULL_USERID, -301), RC(ESI_ERR_PASSWORD_INVALID, -302),
-    RC(ESI_ERR_NULL_PASSWORD, -303), RC(ESI_ERR_PEM_NOT_SUPPORTED, -304), RC(ESI_ERR_PEM_NOT_ACTIVE, -305),
-    RC(ESI_ERR_PASSWORD_EXPIRED, -306), RC(ESI_ERR_SECURITY_ERROR, -307), RC(ESI_ERR_RESOURCE_SHORTAGE, -308),
-    RC(ESI_ERR_NO_SESSIONS, -309), RC(ESI_ERR_NO_VANT, -310), RC(ESI_ERR_VANT_DIED, -311), RC(ESI_ERR_UNKNOWN_SERVER, -312),
-    RC(ESI_ERR_SYSTEM_ERROR, -313), RC(ESI_ERR_NULL_NEW_PASSWORD, -314), RC(ESI_ERR_PASSWORD_REJECTED, -315),
-    {-108, -108, "ESI_ERR_USERID_INVALID"}, {-100, -100, "ESI_ERR_NULL_USERID"}, {-106, -106, "ESI_ERR_PASSWORD_INVALID"},
-    {-101, -101, "ESI_ERR_NULL_PASSWORD"}, {-103, -103, "ESI_ERR_PEM_NOT_SUPPORTED"}, {-104, -104, "ESI_ERR_PEM_NOT_ACTIVE"},
-    {-105, -105, "ESI_ERR_PASSWORD_EXPIRED"}, {-27, -27, "ESI_ERR_SECURITY_ERROR"}, {-16, -16, "ESI_ERR_RESOURCE_SHORTAGE"},
-    {-17, -17, "ESI_ERR_NO_SESSIONS"}, {-3, -3, "ESI_ERR_NO_VANT"}, {-4, -4, "ESI_ERR_VANT_DIED"},
-    {-22, -22, "ESI_ERR_UNKNOWN_SERVER"}, {-9, -9, "ESI_ERR_SYSTEM_ERROR"}, {-102, -102, "ESI_ERR_NULL_NEW_PASSWORD"},
-    {-107, -107, "ESI_ERR_PASSWORD_REJECTED"}, {-28, -28, "ESI_ERR_MAX_SYSTEMS"}, {-29, -29, "ESI_ERR_MAX_SESSIONS"},
+    ESI(ESI_ERR_USERID_INVALID, -300, -108), ESI(ESI_ERR_NULL_USERID, -301, -100),
+    ESI(ESI_ERR_PASSWORD_INVALID, -302, -106), ESI(ESI_ERR_NULL_PASSWORD, -303, -101),
+    ESI(ESI_ERR_PEM_NOT_SUPPORTED, -304, -103), ESI(ESI_ERR_PEM_NOT_ACTIVE, -305, -104),
+    ESI(ESI_ERR_PASSWORD_EXPIRED, -306, -105), ESI(ESI_ERR_SECURITY_ERROR, -307, -27),
+    ESI(ESI_ERR_RESOURCE_SHORTAGE, -308, -16), ESI(ESI_ERR_NO_SESSIONS, -309, -17), ESI(ESI_ERR_NO_VANT, -310, -3),
+    ESI(ESI_ERR_VANT_DIED, -311, -4), ESI(ESI_ERR_UNKNOWN_SERVER, -312, -22), ESI(ESI_ERR_SYSTEM_ERROR, -313, -9),
+    ESI(ESI_ERR_NULL_NEW_PASSWORD, -314, -102), ESI(ESI_ERR_PASSWORD_REJECTED, -315, -107),
+    AS(-28, "ESI_ERR_MAX_SYSTEMS"), AS(-29, "ESI_ERR_MAX_SESSIONS"),
 };
-// General names first, then the ECI table (falling through to the channel table), then the ESI table.
+// General names first, then the ECI table (falling through to the channel table), then the ESI table: one value
+// for each way one family shadows another.
 const Code generalLookup[] = {
-    {-9, -9, "ZEP_ERR_SYSTEM_ERROR"}, {-109, -109, "ZEP_ERR_NULLPTR"}, {-111, -111, "ZEP_ERR_MALLOCFAIL"},
-    {-101, -101, "ZEP_ERR_BADGWTOK"}, {-108, -108, "ZEP_ERR_NULLGWTOKPTR"}, {-104, -104, "ZEP_ERR_TRACELEVEL"},
-    {0, 0, "ZEP_OK"}, {-1, -1, "ECI_ERR_INVALID_DATA_LENGTH"}, {-3, -3, "ECI_ERR_NO_VANT"}, {-17, -17, "ECI_ERR_NO_SESSIONS"},
-    {-22, -22, "ECI_ERR_UNKNOWN_SERVER"}, {-27, -27, "ECI_ERR_SECURITY_ERROR"}, {-29, -29, "ECI_ERR_MAX_SESSIONS"},
-    {-50, -50, "ECI_ERR_INVALID_CHANNEL"}, {-60, -60, "ECI_ERR_COMMAREA_AND_CHANNEL"}, {-121, -121, "ECI_ERR_LOCKFAIL"},
-    {-105, -105, "ESI_ERR_PASSWORD_EXPIRED"}, {-106, -106, "ESI_ERR_PASSWORD_INVALID"},
-    {-300, -300, "ESI_ERR_USERID_INVALID"}, {-315, -315, "ESI_ERR_PASSWORD_REJECTED"},
+    AS(-9, "ZEP_ERR_SYSTEM_ERROR"), AS(-109, "ZEP_ERR_NULLPTR"), AS(-101, "ZEP_ERR_BADGWTOK"), AS(0, "ZEP_OK"),
+    AS(-3, "ECI_ERR_NO_VANT"), AS(-29, "ECI_ERR_MAX_SESSIONS"), AS(-50, "ECI_ERR_INVALID_CHANNEL"),
+    AS(-121, "ECI_ERR_LOCKFAIL"), AS(-106, "ESI_ERR_PASSWORD_INVALID"), AS(-315, "ESI_ERR_PASSWORD_REJECTED"),
 };
 
 }  // namespace
@@ -79,6 +75,7 @@ TEST(ReturnCodes, EveryCodeOfEveryFamilyHasItsValueAndName)
         for (const Code* code = family.codes; code < family.codes + family.count; ++code) {
             EXPECT_EQ(code->value, code->macro) << code->name;
             EXPECT_STREQ(code->name, family.lookup(code->value)) << code->value;
+            EXPECT_STREQ(code->name, family.lookup(code->alias)) << code->alias;
         }
     }
 }
