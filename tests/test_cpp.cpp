@@ -54,10 +54,9 @@ TEST_F(Cpp, ErrorsCarryTheReturnCodeItsNameAndTheAbendCode)
     };
     for (const auto& c : cases) {
         const zep::Error e = caught(c.action);
-        EXPECT_EQ(e.code().value(), c.rc) << c.name;
-        EXPECT_EQ(e.code().message(), c.name);
-        EXPECT_EQ(&e.code().category(), &zep::category());
-        EXPECT_EQ(e.abendCode(), c.abend) << c.name;
+        using Outcome = std::tuple<int, std::string, std::string, const std::error_category*>;
+        EXPECT_EQ(Outcome(e.code().value(), e.code().message(), e.abendCode(), &e.code().category()),
+                  Outcome(c.rc, c.name, c.abend, &zep::category()));
         EXPECT_NE(std::string(e.what()).find(c.name), std::string::npos) << e.what();
     }
     EXPECT_EQ(conn.call("ECHO", "still open").data(), "still open");
