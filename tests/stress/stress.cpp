@@ -1,9 +1,8 @@
 // Load against zepgw answering out of order: many callers on one connection, many asynchronous requests
 // outstanding, many opens and closes. Run by .ci/run; ZEP_STRESS_SCALE (default 1) scales the counts.
-#include <dirent.h>
-
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <random>
 #include <thread>
 
@@ -91,12 +90,8 @@ TEST_F(Stress, FiveHundredAsynchronousRequestsCollectedByQualifierInRandomOrder)
 
 int entriesOf(const char* directory)
 {
-    int count = 0;
-    if (DIR* dir = opendir(directory)) {
-        while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
-        closedir(dir);
-    }
-    return count;
+    const std::filesystem::directory_iterator entries(directory);
+    return static_cast<int>(std::distance(begin(entries), end(entries)));
 }
 
 TEST_F(Stress, OpenAndCloseLeaveNoDescriptorOrThread)
