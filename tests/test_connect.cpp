@@ -17,8 +17,7 @@ TEST(Arguments, FirstFailingArgumentWinsAndStaleTokensAreRefused)
 {
     GatewayConnection gc;
     GatewayToken* tok = gc.token();
-    GatewayToken* opened = nullptr;
-    GatewayToken* none = nullptr;
+    GatewayToken *opened = nullptr, *none = nullptr;
     unsigned short count = 1;
     SystemInfo list[1];
     char* text = nullptr;
@@ -167,12 +166,9 @@ TEST(Connect, OpenListsAConnectedTokenAlsoAmongConcurrentOpens)
                                     std::to_string(gw.port()) + " - socketDescriptor(" + std::to_string(tok->socket) + ")"));
     EXPECT_TRUE(trace.has(1007, OPEN_API + "Environment variables: applidEnv=ENVAPPL8 and applidQualifierEnv="));
     char *applid = nullptr, *qualifier = nullptr;
-    EXPECT_EQ(0, ZEP_getApplid(tok, &applid));
-    EXPECT_EQ(0, ZEP_getApplidQualifier(tok, &qualifier));
-    EXPECT_EQ(tok->applid, applid) << "the token's own text";
-    EXPECT_EQ(tok->applidQual, qualifier);
-    EXPECT_STREQ("ENVAPPL8", applid);
-    EXPECT_STREQ("", qualifier);
+    EXPECT_EQ(std::make_pair(0, 0), std::make_pair(ZEP_getApplid(tok, &applid), ZEP_getApplidQualifier(tok, &qualifier)));
+    EXPECT_EQ(std::make_pair(tok->applid, tok->applidQual), std::make_pair(applid, qualifier)) << "the token's own texts";
+    EXPECT_EQ("ENVAPPL8|", std::string(applid) + "|" + qualifier);
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
     EXPECT_EQ(0, listedTokens());
 
