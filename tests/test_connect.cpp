@@ -166,8 +166,8 @@ TEST(Connect, OpenListsAConnectedTokenAlsoAmongConcurrentOpens)
                                     std::to_string(gw.port()) + " - socketDescriptor(" + std::to_string(tok->socket) + ")"));
     EXPECT_TRUE(trace.has(1007, OPEN_API + "Environment variables: applidEnv=ENVAPPL8 and applidQualifierEnv="));
     char *applid = nullptr, *qualifier = nullptr;
-    EXPECT_EQ(std::make_pair(0, 0), std::make_pair(ZEP_getApplid(tok, &applid), ZEP_getApplidQualifier(tok, &qualifier)));
-    EXPECT_EQ(std::make_pair(tok->applid, tok->applidQual), std::make_pair(applid, qualifier)) << "the token's own texts";
+    EXPECT_EQ(std::pair(0, 0), std::pair(ZEP_getApplid(tok, &applid), ZEP_getApplidQualifier(tok, &qualifier)));
+    EXPECT_EQ(std::pair(tok->applid, tok->applidQual), std::pair(applid, qualifier)) << "the token's own texts";
     EXPECT_EQ("ENVAPPL8|", std::string(applid) + "|" + qualifier);
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
     EXPECT_EQ(0, listedTokens());
