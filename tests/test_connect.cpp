@@ -17,8 +17,7 @@ TEST(Arguments, FirstFailingArgumentWinsAndStaleTokensAreRefused)
 {
     GatewayConnection gc;
     GatewayToken* tok = gc.token();
-    GatewayToken* opened = nullptr;
-    GatewayToken* none = nullptr;
+    GatewayToken *opened = nullptr, *none = nullptr;
     unsigned short count = 1;
     SystemInfo list[1];
     char* text = nullptr;
@@ -72,48 +71,33 @@ TEST(Arguments, FirstFailingArgumentWinsAndStaleTokensAreRefused)
     EXPECT_NE(nullptr, tok) << "a refused close leaves the variable alone";
 }
 
-// A TCP socket bound to a free port on loopback; *address receives where.
-int boundSocket(sockaddr_in* address, int type = SOCK_STREAM)
+// A TCP socket bound to a free port on loopback, and that port.
+std::pair<int, int> boundSocket()
 {
-    const int sock = socket(AF_INET, type, 0);
-    *address = sockaddr_in{};
-    address->sin_family = AF_INET;
-    address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(sock, reinterpret_cast<sockaddr*>(address), sizeof *address);
-    socklen_t length = sizeof *address;
-    getsockname(sock, reinterpret_cast<sockaddr*>(address), &length);
-    return sock;
+    const int sock = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof address;
+    bind(sock, reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(sock, reinterpret_cast<sockaddr*>(&address), &length);
+    return {sock, ntohs(address.sin_port)};
 }
-
-// A listener whose backlog is full: the kernel drops further connection requests, so a connect stays pending.
-struct FullListener {
-    sockaddr_in address;
-    int listener = boundSocket(&address);
-    int fillers[4];
-    FullListener()
-    {
-        listen(listener, 0);
-        for (int& filler : fillers) {
-            filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-            connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        }
-    }
-    ~FullListener()
-    {
-        for (int filler : fillers) close(filler);
-        close(listener);
-    }
-};
 
 // Refused, pending, unresolvable, without or with a failed handshake: nothing is listed, the cause is traced.
 TEST(Connect, FailedOpensLeaveNoTokenAndTraceTheirCause)
 {
     ZepgwProcess gw;
     ASSERT_TRUE(gw.start());
-    FullListener full;
-    sockaddr_in address;
-    close(boundSocket(&address));
-    const int closed = ntohs(address.sin_port), pending = ntohs(full.address.sin_port);
+    const auto [unused, closed] = boundSocket();
+    close(unused);
+    // A listener whose backlog is full: the kernel drops further connection requests, so a connect stays pending.
+    const auto [listener, pending] = boundSocket();
+    listen(listener, 0);
+    std::vector<int> sockets{listener};
+    const sockaddr_in full{AF_INET, htons(static_cast<uint16_t>(pending)), {htonl(INADDR_LOOPBACK)}, {}};
+    for (int i = 0; i < 4; i++) {
+        sockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        connect(sockets.back(), reinterpret_cast<const sockaddr*>(&full), sizeof full);
+    }
     const std::string connect = "clapi_gwycon.clapiConnectToGateway() ", handshake = connect + "Handshake flow returned an error: ";
     const struct {   // each of `records` is a record id and the start of its text
         const char* host; int port; const char* applid; unsigned int connTimeout; int rc; double minSeconds;
@@ -148,11 +132,12 @@ TEST(Connect, FailedOpensLeaveNoTokenAndTraceTheirCause)
         EXPECT_EQ(nullptr, tok);
         EXPECT_EQ(0, listedTokens());
         for (const auto& record : c.records) {
-            bool found = false;
-            for (const TraceRecord& r : trace.find(record.first)) found = found || r.message.rfind(record.second, 0) == 0;
-            EXPECT_TRUE(found) << record.second << "\n" << trace.text();
+            const std::vector<TraceRecord> found = trace.find(record.first);
+            const auto starts = [&](const TraceRecord& r) { return r.message.rfind(record.second, 0) == 0; };
+            EXPECT_TRUE(std::any_of(found.begin(), found.end(), starts)) << record.second << "\n" << trace.text();
         }
     }
+    for (const int sock : sockets) close(sock);
 }
 
 // The APPLIDs come from the environment when a variable is set, even to an empty value; then opens on two
@@ -171,24 +156,19 @@ TEST(Connect, OpenListsAConnectedTokenAlsoAmongConcurrentOpens)
     EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
     EXPECT_EQ(1, listedTokens());
     EXPECT_EQ(5, tok->connTimeout);
-    for (const int option : {SO_KEEPALIVE, TCP_NODELAY}) {
-        int on = 0;
-        socklen_t length = sizeof on;
-        ASSERT_EQ(0, getsockopt(tok->socket, option == SO_KEEPALIVE ? SOL_SOCKET : IPPROTO_TCP, option, &on, &length));
-        EXPECT_EQ(1, on) << option;
-    }
+    int keepAlive = 0, noDelay = 0;
+    socklen_t length = sizeof(int);
+    getsockopt(tok->socket, SOL_SOCKET, SO_KEEPALIVE, &keepAlive, &length);
+    getsockopt(tok->socket, IPPROTO_TCP, TCP_NODELAY, &noDelay, &length);
+    EXPECT_EQ(std::make_pair(1, 1), std::make_pair(keepAlive, noDelay)) << "keep-alive and no delay";
     EXPECT_EQ(0, fcntl(tok->socket, F_GETFL) & O_NONBLOCK) << "blocking again after the bounded connect";
     EXPECT_TRUE(trace.has(2012, "clapi_gwytok.openClientSocket() Connected to Gateway localhost:" +
                                     std::to_string(gw.port()) + " - socketDescriptor(" + std::to_string(tok->socket) + ")"));
     EXPECT_TRUE(trace.has(1007, OPEN_API + "Environment variables: applidEnv=ENVAPPL8 and applidQualifierEnv="));
-    char* applid = nullptr;
-    char* qualifier = nullptr;
-    EXPECT_EQ(0, ZEP_getApplid(tok, &applid));
-    EXPECT_EQ(0, ZEP_getApplidQualifier(tok, &qualifier));
-    EXPECT_EQ(tok->applid, applid) << "the token's own text";
-    EXPECT_EQ(tok->applidQual, qualifier);
-    EXPECT_STREQ("ENVAPPL8", applid);
-    EXPECT_STREQ("", qualifier);
+    char *applid = nullptr, *qualifier = nullptr;
+    EXPECT_EQ(std::pair(0, 0), std::pair(ZEP_getApplid(tok, &applid), ZEP_getApplidQualifier(tok, &qualifier)));
+    EXPECT_EQ(std::pair(tok->applid, tok->applidQual), std::pair(applid, qualifier)) << "the token's own texts";
+    EXPECT_EQ("ENVAPPL8|", std::string(applid) + "|" + qualifier);
     EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
     EXPECT_EQ(0, listedTokens());
 

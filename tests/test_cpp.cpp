@@ -16,10 +16,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// A zepgw and a connection to it; a zepgw that did not start gives port 0, which the connection refuses.
 class Cpp : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(gw.start()); }
     ZepgwProcess gw;
+    zep::Connection conn{"127.0.0.1", gw.start() ? gw.port() : 0};
 };
 
 // The zep::Error that `action` throws; one with code 0 when it throws none.
@@ -31,7 +32,6 @@ zep::Error caught(const std::function<void()>& action)
 
 TEST_F(Cpp, ErrorsCarryTheReturnCodeItsNameAndTheAbendCode)
 {
-    zep::Connection conn{"127.0.0.1", gw.port()};
     zep::Channel ch{"ERRORS"};
     zep::CallOptions unknownSystem;
     unknownSystem.system = "NOSYS";
@@ -54,10 +54,9 @@ TEST_F(Cpp, ErrorsCarryTheReturnCodeItsNameAndTheAbendCode)
     };
     for (const auto& c : cases) {
         const zep::Error e = caught(c.action);
-        EXPECT_EQ(e.code().value(), c.rc) << c.name;
-        EXPECT_EQ(e.code().message(), c.name);
-        EXPECT_EQ(&e.code().category(), &zep::category());
-        EXPECT_EQ(e.abendCode(), c.abend) << c.name;
+        using Outcome = std::tuple<int, std::string, std::string, const std::error_category*>;
+        EXPECT_EQ(Outcome(e.code().value(), e.code().message(), e.abendCode(), &e.code().category()),
+                  Outcome(c.rc, c.name, c.abend, &zep::category()));
         EXPECT_NE(std::string(e.what()).find(c.name), std::string::npos) << e.what();
     }
     EXPECT_EQ(conn.call("ECHO", "still open").data(), "still open");
@@ -65,7 +64,6 @@ TEST_F(Cpp, ErrorsCarryTheReturnCodeItsNameAndTheAbendCode)
 
 TEST_F(Cpp, OptionsReachTheGatewayAndUnitsOfWorkCarryTheirToken)
 {
-    zep::Connection conn{"127.0.0.1", gw.port()};
     zep::CallOptions options;
     options.transaction = "TX1";
     options.system = "ZEPSYS2";
@@ -91,7 +89,6 @@ TEST_F(Cpp, OptionsReachTheGatewayAndUnitsOfWorkCarryTheirToken)
 
 TEST_F(Cpp, AsyncRepliesAreCollectedInAnyOrder)
 {
-    zep::Connection conn{"127.0.0.1", gw.port()};
     const std::vector<std::byte> bytes{std::byte{'a'}, std::byte{'b'}, std::byte{'c'}};
     const std::array<char, 3> chars{'x', 'y', 'z'};
     zep::PendingReply reversed = conn.callAsync("REVERSE", bytes);
@@ -110,15 +107,15 @@ TEST_F(Cpp, DroppedRepliesNeitherLeakNorBlockTheEnd)
     GatewayToken* token = nullptr;
     const auto start = std::chrono::steady_clock::now();
     {
-        zep::Connection conn{"127.0.0.1", gw.port()};
-        token = conn.native();
+        zep::Connection ending = std::move(conn);
+        token = ending.native();
         zep::Channel ch{"HELD"};
         ch.put("DATA", "bytes");
-        outliving = conn.callAsync("HANG", "never answered");
+        outliving = ending.callAsync("HANG", "never answered");
         EXPECT_EQ(outliving.wait_for(20ms), std::future_status::timeout);
-        conn.callAsync("HANG", ch);        // dropped at once; the request keeps the channel
-        conn.callAsync("ECHO", "dropped");  // dropped; its reply is collected and thrown away
-        EXPECT_EQ(conn.call("ECHO", "still usable").data(), "still usable");
+        ending.callAsync("HANG", ch);        // dropped at once; the request keeps the channel
+        ending.callAsync("ECHO", "dropped");  // dropped; its reply is collected and thrown away
+        EXPECT_EQ(ending.call("ECHO", "still usable").data(), "still usable");
     }  // the channel goes first without blocking; the connection purges within its drain limit
     EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
     EXPECT_EQ(caught([&] { outliving.get(); }).code().value(), ZEP_ERR_NULLGWTOK);
@@ -132,14 +129,13 @@ TEST_F(Cpp, DroppedRepliesNeitherLeakNorBlockTheEnd)
 
 TEST_F(Cpp, MovedFromObjectsAreHarmless)
 {
-    zep::Connection first{"127.0.0.1", gw.port()};
-    GatewayToken* token = first.native();
-    zep::Connection second = std::move(first);
-    EXPECT_EQ(first.native(), nullptr);
+    GatewayToken* token = conn.native();
+    zep::Connection second = std::move(conn);
+    EXPECT_EQ(conn.native(), nullptr);
     EXPECT_EQ(second.native(), token);
-    first.close();
-    first.purge(0s);
-    EXPECT_EQ(caught([&] { first.call("ECHO", "x"); }).code().value(), ZEP_ERR_NULLGWTOK);
+    conn.close();
+    conn.purge(0s);
+    EXPECT_EQ(caught([&] { conn.call("ECHO", "x"); }).code().value(), ZEP_ERR_NULLGWTOK);
 
     zep::PendingReply pending = second.callAsync("ECHO", "moved");
     zep::PendingReply taken = std::move(pending);
@@ -153,8 +149,8 @@ TEST_F(Cpp, MovedFromObjectsAreHarmless)
     EXPECT_EQ(caught([&] { ch.put("X", "y"); }).code().value(), ECI_ERR_INVALID_CHANNEL);
     EXPECT_EQ(other.name(), "MOVED");
 
-    first = zep::Connection{"127.0.0.1", gw.port()};
-    second = std::move(first);  // ends the connection `second` held
+    conn = zep::Connection{"127.0.0.1", gw.port()};
+    second = std::move(conn);  // ends the connection `second` held
     char* applid = nullptr;
     EXPECT_EQ(ZEP_getApplid(token, &applid), ZEP_ERR_BADGWTOK);
     EXPECT_EQ(second.call("ECHO", "alive").data(), "alive");
@@ -162,7 +158,6 @@ TEST_F(Cpp, MovedFromObjectsAreHarmless)
 
 TEST_F(Cpp, ChannelRoundTrip)
 {
-    zep::Connection conn{"127.0.0.1", gw.port()};
     zep::Channel ch{"ROUNDTRIP"};
     ch.putText("MODTEXT", "reverse me", 37);
     ch.put("GROWDATA", std::vector<std::byte>{std::byte{1}, std::byte{2}});
@@ -186,7 +181,6 @@ TEST_F(Cpp, ChannelRoundTrip)
 
 TEST_F(Cpp, SystemsAndPasswordDetails)
 {
-    zep::Connection conn{"127.0.0.1", gw.port()};
     std::vector<std::string> names;
     for (const zep::System& s : conn.systems()) names.push_back(s.name + "|" + s.description);
     EXPECT_EQ(names, (std::vector<std::string>{"ZEPSYS1|zepgw default system", "ZEPSYS2|zepgw second system",

@@ -9,15 +9,11 @@ int main(int argc, char** argv)
     char area[16] = "installed";
     char name[ZEP_RC_STRING_LENGTH];
     GatewayToken* gateway = NULL;
-    EciParms parms;
+    EciParms parms = {.eci_version = ECI_VERSION_MIN_COMMAREA, .eci_call_type = ECI_SYNC, .eci_commarea = area,
+                      .eci_commarea_length = sizeof area};
     int rc = ZEP_openRemoteGatewayConnection("127.0.0.1", argc > 1 ? atoi(argv[1]) : 0, &gateway, 10);
     if (rc == ZEP_OK) {
-        memset(&parms, 0, sizeof parms);
-        parms.eci_version = ECI_VERSION_MIN_COMMAREA;
-        parms.eci_call_type = ECI_SYNC;
         memcpy(parms.eci_program_name, "UPPER   ", 8);
-        parms.eci_commarea = area;
-        parms.eci_commarea_length = sizeof area;
         rc = ZEP_ECI_Execute(gateway, &parms);
         ZEP_closeGatewayConnection(&gateway);
     }

@@ -1,9 +1,8 @@
 // Load against zepgw answering out of order: many callers on one connection, many asynchronous requests
 // outstanding, many opens and closes. Run by .ci/run; ZEP_STRESS_SCALE (default 1) scales the counts.
-#include <dirent.h>
-
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <random>
 #include <thread>
 
@@ -19,18 +18,13 @@ int scaled(int count)
 
 class Stress : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(gw_.start({"--jitter", "2"}));
-        ASSERT_EQ(0, openGateway(gw_, &tok_));
-    }
     void TearDown() override
     {
-        EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok_));
-        EXPECT_TRUE(gw_.stop());
+        EXPECT_EQ(0, ZEP_closeGatewayConnection(gc_.tokenPtr()));
+        EXPECT_TRUE(gc_.zepgw().stop());
     }
-    ZepgwProcess gw_;
-    GatewayToken* tok_ = nullptr;
+    GatewayConnection gc_{{"--jitter", "2"}};
+    GatewayToken* tok_ = gc_.token();
 };
 
 // Every tenth call abends; the others come back reversed. Each caller checks only what is its own; only the
@@ -96,33 +90,29 @@ TEST_F(Stress, FiveHundredAsynchronousRequestsCollectedByQualifierInRandomOrder)
 
 int entriesOf(const char* directory)
 {
-    int count = 0;
-    if (DIR* dir = opendir(directory)) {
-        while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
-        closedir(dir);
-    }
-    return count;
+    const std::filesystem::directory_iterator entries(directory);
+    return static_cast<int>(std::distance(begin(entries), end(entries)));
 }
 
 TEST_F(Stress, OpenAndCloseLeaveNoDescriptorOrThread)
 {
     const int cycles = scaled(1000);
-    const int fds = entriesOf("/proc/self/fd"), tasks = entriesOf("/proc/self/task");
+    const auto counts = [] { return std::make_pair(entriesOf("/proc/self/fd"), entriesOf("/proc/self/task")); };
+    const std::pair<int, int> before = counts();
     auto start = Clock::now();
     for (int i = 0; i < cycles; ++i) {
         GatewayToken* tok = nullptr;
-        ASSERT_EQ(0, openGateway(gw_, &tok)) << i;
+        ASSERT_EQ(0, openGateway(gc_.zepgw(), &tok)) << i;
         char area[8] = "cycle";
         ASSERT_EQ(0, callProgram(tok, "UPPER", area, sizeof area)) << i;
         ASSERT_EQ(0, ZEP_closeGatewayConnection(&tok)) << i;
     }
     double seconds = secondsSince(start);
     // The receiver thread signals its end just before it returns; give its exit a moment to show.
-    EXPECT_TRUE(pollUntil([&] { return entriesOf("/proc/self/fd") == fds && entriesOf("/proc/self/task") == tasks; }))
-        << "descriptors " << fds << " -> " << entriesOf("/proc/self/fd") << ", threads " << tasks << " -> "
-        << entriesOf("/proc/self/task");
+    pollUntil([&] { return counts() == before; });
+    EXPECT_EQ(before, counts()) << "descriptors and threads";
     printf("stress: %d open/call/close cycles in %.1f s (%.1f ms each); %d descriptors and %d threads before and "
-           "after\n", cycles, seconds, 1000 * seconds / cycles, fds, tasks);
+           "after\n", cycles, seconds, 1000 * seconds / cycles, before.first, before.second);
 }
 
 }  // namespace
