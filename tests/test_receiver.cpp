@@ -1,5 +1,5 @@
-// The receiver thread: replies reach their requests, per-request failures stay with their request, and every
-// way a connection ends fails each waiting request with the right code; against zepgw and a scripted Gateway.
+// The receiver thread against zepgw: replies reach their requests, per-request failures stay with their request,
+// and every way a connection ends fails each waiting request with the right code.
 #include "library_support.h"
 
 namespace {
@@ -59,58 +59,6 @@ TEST(Receiver, ConnectionEndingFaultsFailEveryWaitingRequest)
         if (c.id != 0) { EXPECT_TRUE(c.message ? trace.has(c.id, c.message) : trace.hasId(c.id)) << trace.text(); }
         char area[8] = "late";
         EXPECT_NE(0, callProgram(tok, "ECHO", area, 4)) << "no request is sent on an ended connection";
-    }
-}
-
-// Replies zepgw never sends, each to one request made on a thread of its own: the call's code, the
-// connection's status and code afterwards.
-TEST(ScriptedReplies, EachReplyEndsItsRequestOrTheConnection)
-{
-    const struct { const char* what; bool esi; std::string reply; int rc, connStatus, connRc; } cases[] = {
-        {"unexpected request type", false, ScriptedGateway::header(FLOW_REPLY, 1, "XYZ", 0, 0), ZEP_ERR_SYSTEM_ERROR,
-         CONN_OPEN, 0},
-        {"connection error flow", false,
-         ScriptedGateway::header(FLOW_ERROR, MSGID_HANDSHAKE, "BASE", 0, ZEP_ERR_WORK_WAS_REFUSED), ZEP_ERR_LOSTGWCON,
-         CONN_LOST, ZEP_ERR_WORK_WAS_REFUSED},
-        // A return code of 0 and then the message ends in the middle of the first time stamp.
-        {"ESI reply cut short", true,
-         ScriptedGateway::header(FLOW_REPLY, 1, "ESI", 8, 0) + ScriptedGateway::be32(0) + ScriptedGateway::be32(2026),
-         ZEP_ERR_LOSTGWCON, CONN_LOST, -1},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        ScriptedGateway gateway;
-        GatewayToken* tok = gateway.open();
-        ASSERT_NE(nullptr, tok);
-        TraceCapture trace(1);
-        EsiDetails details;
-        memset(&details, 0xAB, sizeof details);
-        char area[8] = "odd";
-        const auto reply = [&](int32_t id) {
-            EXPECT_EQ(1, id);
-            return c.reply;
-        };
-        EXPECT_EQ(c.rc, gateway.answered([&] {
-            return c.esi ? ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details)
-                         : callProgram(tok, "ECHO", area, 3);
-        }, reply));
-        EXPECT_EQ(c.connStatus, connStatusOf(tok));
-        const int connRc = __atomic_load_n(&tok->connRc, __ATOMIC_RELAXED);
-        EXPECT_TRUE(c.connRc < 0 ? connRc != 0 : connRc == c.connRc) << connRc;
-        EXPECT_EQ(std::string(sizeof details, '\xAB'), std::string(reinterpret_cast<const char*>(&details), sizeof details));
-        if (c.connStatus == CONN_OPEN) {
-            EXPECT_TRUE(trace.has(3042, "clapi_gwycon.receiverThread() Gateway returned unexpected request type XYZ"));
-            // The next request is still answered on the same connection.
-            const auto refusal = [](int32_t id) {
-                EXPECT_EQ(1, id);
-                return ScriptedGateway::header(FLOW_ERROR, 1, "ECI", 0, ZEP_ERR_WORK_WAS_REFUSED);
-            };
-            EXPECT_EQ(ZEP_ERR_WORK_WAS_REFUSED, gateway.answered([&] { return callProgram(tok, "ECHO", area, 3); }, refusal));
-            EXPECT_EQ(CONN_OPEN, connStatusOf(tok));
-        }
-        gateway.hangUp();   // so that a connection wrongly left open cannot hold up the close
-        ASSERT_TRUE(pollUntil([&] { return connStatusOf(tok) == CONN_LOST; }));
-        EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
     }
 }
 
