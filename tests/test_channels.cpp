@@ -215,6 +215,7 @@ TEST_F(Channels, ReadsHonourOffsetAndLength)
     Channel* chan = newChannel("CHAN");
     unsigned char data[50];
     for (int i = 0; i < 50; i++) data[i] = (unsigned char)(i + 1);
+    setenv("LANG", "zh_TW.big5", 1);   /* a codeset mapped with the trace off */
     ASSERT_EQ(0, ECI_createContainer(chan, "DATA", ECI_CHAR, 0, NULL, 0));
     ASSERT_EQ(0, ECI_setContainerData(chan, "DATA", data, sizeof data));
     for (const auto& c : cases) {
@@ -230,6 +231,7 @@ TEST_F(Channels, ReadsHonourOffsetAndLength)
     unsigned char buffer[8];
     EXPECT_EQ(0, ECI_getContainerData(chan, "DATA", buffer, sizeof buffer, 0, NULL));   /* no count wanted */
     EXPECT_EQ(8, buffer[7]);
+    EXPECT_EQ(950, chan->firstCont->ccsid);
 }
 
 /* The lock is not bound to a thread: one thread takes it, the call waits, the test's thread releases it. A waiter

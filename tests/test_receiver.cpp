@@ -41,7 +41,7 @@ TEST(Receiver, FailuresEndTheirRequestOrEveryWaitingOne)
         EXPECT_TRUE(c.id == 0 || traced) << trace.text();
         char area[8] = "more";
         EXPECT_EQ(c.connStatus == CONN_OPEN, callProgram(tok, "ECHO", area, 4) == 0);
-        if (c.connStatus == CONN_OPEN) { ASSERT_TRUE(gc.zepgw().signal(SIGKILL)); }   // ends the waiting ones
+        if (c.connStatus == CONN_OPEN) { ASSERT_TRUE(gc.zepgw().stop()); }   // ends the waiting ones
         EXPECT_EQ(c.connStatus == CONN_OPEN ? ZEP_ERR_LOSTGWCON : c.rc, first.result());
         EXPECT_EQ(c.connStatus == CONN_OPEN ? ZEP_ERR_LOSTGWCON : c.rc, second.result());
     }
