@@ -1,6 +1,7 @@
 // Replies a Gateway should never send: nothing lands outside the caller's area, and no cut reply passes for whole.
 #include <climits>
 #include <functional>
+#include <memory>
 
 #include "library_support.h"
 
@@ -30,6 +31,18 @@ struct GuardedArea {
     bool guardsIntact() const { return bytes.substr(0, 32) + bytes.substr(32 + length) == Text(64, GUARD_BYTE); }
     Text bytes;
     size_t length;
+};
+
+// A scripted Gateway with a token open on it; hung up and the token closed with the object.
+struct Scripted : ScriptedGateway {
+    GatewayToken* tok = open();
+    ~Scripted()
+    {
+        if (tok == nullptr) return;
+        hangUp();   // so that a connection wrongly left open cannot hold up the close
+        EXPECT_TRUE(pollUntil([this] { return connStatusOf(tok) == CONN_LOST; }));
+        EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
+    }
 };
 
 // A channel section of `count` containers, but only the one record that adds "NEWONE" with `sent` bytes of data.
@@ -65,9 +78,8 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
 {
     for (const SyncCase& c : syncCases) {
         SCOPED_TRACE(c.what);
-        ScriptedGateway gw;
-        GatewayToken* tok = gw.open();
-        ASSERT_NE(nullptr, tok);
+        Scripted gw;
+        ASSERT_NE(nullptr, gw.tok);
         GuardedArea guarded(16);
         EciParms parms = eciBlock(ECI_SYNC, "HOSTILE", guarded.area(), 16);
         Channel* channel = nullptr;   // not created in the packed block: its field is not aligned for a pointer
@@ -76,7 +88,7 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
             parms = eciBlock(ECI_SYNC, "HOSTILE");
             parms.eci_channel = channel;
         }
-        EXPECT_EQ(c.rc, gw.answered([&] { return execute(tok, parms); }, [&](int32_t id) {
+        EXPECT_EQ(c.rc, gw.answered([&] { return execute(gw.tok, parms); }, [&](int32_t id) {
                       return eciReply(id, c.commareaLength, c.dataLength, c.sent, c.channel);
                   }));
         EXPECT_TRUE(guarded.guardsIntact());
@@ -86,12 +98,10 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
         if (c.rc != ZEP_ERR_LOSTGWCON) {
             // The stream is still in step: the next reply reaches the next call whole.
             parms = eciBlock(ECI_SYNC, "HOSTILE", guarded.area(), 16);
-            EXPECT_EQ(0, gw.answered([&] { return execute(tok, parms); },
+            EXPECT_EQ(0, gw.answered([&] { return execute(gw.tok, parms); },
                                   [](int32_t id) { return eciReply(id, 4, NO_DATA_LENGTH, 4); }));
             EXPECT_EQ(0, memcmp("ABCD", guarded.area(), 4));
         }
-        gw.hangUp();
-        EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
         if (channel != nullptr) { EXPECT_EQ(0, ECI_deleteChannel(&channel)); }
     }
 }
@@ -106,19 +116,18 @@ TEST(Hostile, AsynchronousRepliesAreKeptWholeUntilAnAreaFits)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        ScriptedGateway gw;
-        GatewayToken* tok = gw.open();
-        ASSERT_NE(nullptr, tok);
+        Scripted gw;
+        ASSERT_NE(nullptr, gw.tok);
         char request[16] = "sixteen bytes..";
         EciParms send = eciBlock(ECI_ASYNC, "HOSTILE", request, sizeof request);
-        ASSERT_EQ(0, ZEP_ECI_Execute(tok, &send));
+        ASSERT_EQ(0, ZEP_ECI_Execute(gw.tok, &send));
         const int32_t id = gw.nextRequest();
         ASSERT_NE(0, id);
         gw.send(eciReply(id, c.replyBytes, NO_DATA_LENGTH, static_cast<size_t>(c.replyBytes)));
 
         GuardedArea first(static_cast<size_t>(c.firstArea));
         EciParms collect = eciBlock(ECI_GET_REPLY_WAIT, "HOSTILE", first.area(), c.firstArea);
-        EXPECT_EQ(ECI_ERR_INVALID_DATA_LENGTH, ZEP_ECI_Execute(tok, &collect));
+        EXPECT_EQ(ECI_ERR_INVALID_DATA_LENGTH, ZEP_ECI_Execute(gw.tok, &collect));
         EXPECT_TRUE(first.guardsIntact());
         EXPECT_EQ(GUARD_BYTE, first.area()[0]);   // a reply that did not fit writes nothing
         EXPECT_EQ(c.told, c.secondArea != 0 ? copyOf(collect.eci_commarea_length)
@@ -126,47 +135,66 @@ TEST(Hostile, AsynchronousRepliesAreKeptWholeUntilAnAreaFits)
         if (c.secondArea != 0) {
             GuardedArea second(static_cast<size_t>(c.secondArea));
             EciParms again = eciBlock(ECI_GET_REPLY, "HOSTILE", second.area(), c.secondArea);
-            EXPECT_EQ(0, ZEP_ECI_Execute(tok, &again));
+            EXPECT_EQ(0, ZEP_ECI_Execute(gw.tok, &again));
             EXPECT_TRUE(second.guardsIntact());
             for (int i = 0; i < c.replyBytes; ++i) ASSERT_EQ(letter(i), second.area()[i]) << i;
         }
         EciParms none = eciBlock(ECI_GET_REPLY, "HOSTILE", first.area(), c.firstArea);
-        EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(tok, &none));   // nothing left queued
-        gw.hangUp();
-        EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
+        EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(gw.tok, &none));   // nothing left queued
     }
 }
 
-// Error flows leave an ESI caller's details alone; so does an ESI reply to an ECI call on the slot the last ESI
-// caller used. -27 would be mapped if it came as the reply's ESI code; as an error flow's it is the result.
-TEST(Hostile, ErrorFlowsAndMisdirectedRepliesLeaveTheDetailsAlone)
+// Replies zepgw never sends, each to one call on a thread of its own, in order on one connection until a reply
+// ends it: the call's code, the connection's status and code, and the ESI caller's details, which only a whole
+// reply to its own request fills. -27 would be mapped if it came as the reply's ESI code; as an error flow's it is
+// the result. The ESI reply to an ECI call comes on the slot the last ESI caller used.
+TEST(Hostile, EachReplyEndsItsRequestOrTheConnection)
 {
-    ScriptedGateway gw;
-    GatewayToken* tok = gw.open();
-    ASSERT_NE(nullptr, tok);
-    Text esiReply = be32(0);
+    const int untouched = static_cast<int>(0xABABABAB), refused = ZEP_ERR_WORK_WAS_REFUSED, anyRc = INT32_MIN;
+    const auto error = [](int32_t id, const char* type, int32_t rc) {
+        return ScriptedGateway::header(FLOW_ERROR, id, type, 0, rc);
+    };
+    Text esiReply = ScriptedGateway::header(FLOW_REPLY, 1, "ESI", 92, 0) + be32(0);
     for (int i = 0; i < 22; i++) esiReply += be32(2000 + i);
+    const struct { const char* what; bool esi; Text reply; int rc, connStatus, connRc, year; } cases[] = {
+        {"ESI error flow", true, error(1, "ESI", refused), refused, CONN_OPEN, 0, untouched},
+        {"ESI error flow of a Gateway code", true, error(1, "ESI", -27), -27, CONN_OPEN, 0, untouched},
+        {"whole ESI reply", true, esiReply, 0, CONN_OPEN, 0, 2000},
+        {"ESI reply to an ECI call", false, esiReply, anyRc, CONN_OPEN, 0, untouched},
+        {"unexpected request type", false, ScriptedGateway::header(FLOW_REPLY, 1, "XYZ", 0, 0), ZEP_ERR_SYSTEM_ERROR,
+         CONN_OPEN, 0, untouched},
+        {"ECI error flow", false, error(1, "ECI", refused), refused, CONN_OPEN, 0, untouched},
+        {"connection error flow", false, error(MSGID_HANDSHAKE, "BASE", refused), ZEP_ERR_LOSTGWCON, CONN_LOST, refused,
+         untouched},
+        // A return code of 0 and then the message ends in the middle of the first time stamp.
+        {"ESI reply cut short", true, ScriptedGateway::header(FLOW_REPLY, 1, "ESI", 8, 0) + be32(0) + be32(2026),
+         ZEP_ERR_LOSTGWCON, CONN_LOST, -1, untouched},
+    };
+    TraceCapture trace(1);
+    std::unique_ptr<Scripted> gw;
     EsiDetails details;
-    const EsiDetails untouched = [] { EsiDetails d; memset(&d, 0xAB, sizeof d); return d; }();
-    const int misdirected = 1;   // an ECI call, answered as if it were an ESI request
-    for (int code : {ZEP_ERR_WORK_WAS_REFUSED, -27, 0, misdirected}) {
-        SCOPED_TRACE(code);
-        details = untouched;
-        char area[8] = "eci";
-        const int rc = gw.answered([&] {
-            return code == misdirected ? execute(tok, eciBlock(ECI_SYNC, "ECHO", area, sizeof area))
-                                       : ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        if (gw == nullptr || connStatusOf(gw->tok) != CONN_OPEN) gw.reset(new Scripted);
+        ASSERT_NE(nullptr, gw->tok);
+        GatewayToken* tok = gw->tok;
+        memset(&details, 0xAB, sizeof details);
+        char area[8] = "odd";
+        const int rc = gw->answered([&] {
+            return c.esi ? ZEP_ESI_verifyPassword(tok, "ZEPUSER", "ZEPPASS1", nullptr, &details)
+                         : callProgram(tok, "ECHO", area, 3);
         }, [&](int32_t id) {
-            EXPECT_EQ(1, id);   // the slot the ESI callers used
-            return code == 0 || code == misdirected ? ScriptedGateway::header(FLOW_REPLY, id, "ESI", 92, 0) + esiReply
-                                                    : ScriptedGateway::header(FLOW_ERROR, id, "ESI", 0, code);
+            EXPECT_EQ(1, id);   // every call takes the first slot
+            return c.reply;
         });
-        EXPECT_EQ(code == misdirected ? rc : code, rc);
-        EXPECT_EQ(code == 0, memcmp(&untouched, &details, sizeof details) != 0);
-        EXPECT_EQ(code == 0 ? 2000 : (int)0xABABABAB, details.esiTime1.year);
+        EXPECT_EQ(c.rc == anyRc ? rc : c.rc, rc);
+        EXPECT_EQ(c.connStatus, connStatusOf(tok));
+        const int connRc = __atomic_load_n(&tok->connRc, __ATOMIC_RELAXED);
+        EXPECT_TRUE(c.connRc < 0 ? connRc != 0 : connRc == c.connRc) << connRc;
+        EXPECT_EQ(c.year, details.esiTime1.year);
+        EXPECT_EQ(c.year == untouched, Text(sizeof details, '\xAB') == Text((char*)&details, sizeof details));
     }
-    gw.hangUp();
-    EXPECT_EQ(0, ZEP_closeGatewayConnection(&tok));
+    EXPECT_TRUE(trace.has(3042, "clapi_gwycon.receiverThread() Gateway returned unexpected request type XYZ"));
 }
 
 }  // namespace
