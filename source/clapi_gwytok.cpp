@@ -201,9 +201,75 @@ static RequestSlot* blockStart(RequestSlot* slot)
     return slot - (slot->slotNumber - 1) % SLOTS_PER_TABLE;
 }
 
-static RequestSlot* blockEnd(RequestSlot* slot)
+static int32_t blockOf(int32_t slotNumber)
 {
-    return blockStart(slot) + SLOTS_PER_TABLE - 1;
+    return (slotNumber - 1) / SLOTS_PER_TABLE;
+}
+
+/*
+ * A table that has grown past its first block lists its blocks by position, so that a reply's slot is reached
+ * at once and a new request starts at the first block that may have a free slot, however many are in flight.
+ */
+struct SlotIndex {
+    RequestSlot** blocks;      /* blocks[0] is the table's first block */
+    int32_t       count;
+    int32_t       capacity;
+    int32_t       firstOpen;   /* every block before this one is full */
+};
+
+static int32_t blockCount(RequestSlot* requestTableP)
+{
+    return requestTableP->tableIndex != NULL ? requestTableP->tableIndex->count : 1;
+}
+
+static RequestSlot* blockAt(RequestSlot* requestTableP, int32_t position)
+{
+    return position == 0 ? requestTableP : requestTableP->tableIndex->blocks[position];
+}
+
+static void releaseIndex(RequestSlot* requestTableP)
+{
+    SlotIndex* index = requestTableP->tableIndex;
+    if (index == NULL) return;
+    free(index->blocks);
+    free(index);
+    requestTableP->tableIndex = NULL;
+}
+
+// Table lock held on entry. Lists `block` after the table's last one; false when no memory is left.
+static bool indexBlock(RequestSlot* requestTableP, RequestSlot* block)
+{
+    SlotIndex* index = requestTableP->tableIndex;
+    if (index == NULL) {
+        if ((index = (SlotIndex*)calloc(1, sizeof *index)) == NULL) return false;
+        index->count = 1;
+        requestTableP->tableIndex = index;
+    }
+    if (index->count >= index->capacity) {
+        int32_t capacity = index->capacity > 0 ? 2 * index->capacity : 8;
+        RequestSlot** blocks = (RequestSlot**)realloc(index->blocks, (size_t)capacity * sizeof *blocks);
+        if (blocks == NULL) {
+            if (index->count == 1) releaseIndex(requestTableP);
+            return false;
+        }
+        blocks[0] = requestTableP;
+        index->blocks = blocks;
+        index->capacity = capacity;
+    }
+    index->blocks[index->count] = block;
+    index->firstOpen = index->count++;
+    return true;
+}
+
+// Table lock held on entry. Forgets the last block; a table back to one block needs no index.
+static void unindexLastBlock(RequestSlot* requestTableP)
+{
+    SlotIndex* index = requestTableP->tableIndex;
+    if (--index->count == 1) {
+        releaseIndex(requestTableP);
+    } else if (index->firstOpen >= index->count) {
+        index->firstOpen = index->count - 1;
+    }
 }
 
 /* Numbers and links a block of free slots that continues the chain after `previous` (NULL for the first). */
@@ -219,38 +285,34 @@ static void initSlotBlock(RequestSlot* block, RequestSlot* previous)
     if (previous != NULL) previous->nextSlot = block;
 }
 
-// Table lock held on entry. Returns the first slot of a new block chained after `last`, or NULL.
-static RequestSlot* addSlotBlock(RequestSlot* last)
+// Table lock held on entry. Returns the first slot of a new block chained after the last one, or NULL.
+static RequestSlot* addSlotBlock(RequestSlot* requestTableP)
 {
     RequestSlot* block = (RequestSlot*)calloc(SLOTS_PER_TABLE, sizeof(RequestSlot));
-    if (block == NULL) {
+    if (block == NULL || !indexBlock(requestTableP, block)) {
+        free(block);
         TRACE_EXC(2054, "clapi_gwytok.slotFind() Failed to create new slot table\n");
         return NULL;
     }
-    initSlotBlock(block, last);
+    int32_t count = blockCount(requestTableP);
+    initSlotBlock(block, &blockAt(requestTableP, count - 2)[SLOTS_PER_TABLE - 1]);
     TRACE_DEBUG(2053, "clapi_gwytok.slotFind() Created new slot table at slotP=%p, first=%d, last=%d\n", (void*)block,
                 block[0].slotNumber, block[SLOTS_PER_TABLE - 1].slotNumber);
     return block;
 }
 
-/* The block chained after `block`, or NULL: a block's last slot links to the next block's first. */
-static RequestSlot* nextBlock(RequestSlot* block)
-{
-    return block[SLOTS_PER_TABLE - 1].nextSlot;
-}
-
-/*
- * Table lock held on entry. The lowest free slot, from a new block when every block is full; NULL when no
- * memory is left. Full blocks are passed over on their count, so many requests in flight cost a hop a block.
- */
+/* Table lock held on entry. The lowest free slot, from a new block when every block is full; NULL for no memory. */
 static RequestSlot* lowestFreeSlot(RequestSlot* requestTableP)
 {
-    for (RequestSlot* block = requestTableP;; block = nextBlock(block)) {
-        if (block->blockSlotsInUse < SLOTS_PER_TABLE)
-            for (int i = 0; i < SLOTS_PER_TABLE; i++)
-                if (block[i].slotState == SLOT_FREE) return &block[i];
-        if (nextBlock(block) == NULL) return addSlotBlock(&block[SLOTS_PER_TABLE - 1]);
+    SlotIndex* index = requestTableP->tableIndex;
+    for (int32_t position = index != NULL ? index->firstOpen : 0; position < blockCount(requestTableP); position++) {
+        RequestSlot* block = blockAt(requestTableP, position);
+        if (block->blockSlotsInUse == SLOTS_PER_TABLE) continue;
+        if (index != NULL) index->firstOpen = position;
+        for (int i = 0; i < SLOTS_PER_TABLE; i++)
+            if (block[i].slotState == SLOT_FREE) return &block[i];
     }
+    return addSlotBlock(requestTableP);
 }
 
 // Table lock held on entry.
@@ -294,13 +356,17 @@ int slotFind(RequestSlot* requestTableP, int32_t luwToken, RequestSlot** request
     return rc;
 }
 
-// Table lock held on entry. Blocks hold consecutive numbers from 1, so the number says which block to hop to.
+// Table lock held on entry. Blocks hold consecutive numbers from 1, so the number says which block it is in.
 RequestSlot* slotNumbered(RequestSlot* requestTableP, int32_t number)
 {
-    if (number < 1) return NULL;
-    RequestSlot* block = requestTableP;
-    for (int32_t hops = (number - 1) / SLOTS_PER_TABLE; hops > 0 && block != NULL; hops--) block = nextBlock(block);
-    return block != NULL ? &block[(number - 1) % SLOTS_PER_TABLE] : NULL;
+    if (number < 1 || blockOf(number) >= blockCount(requestTableP)) return NULL;
+    return &blockAt(requestTableP, blockOf(number))[(number - 1) % SLOTS_PER_TABLE];
+}
+
+/* The block chained after `block`, or NULL: a block's last slot links to the next block's first. */
+static RequestSlot* nextBlock(RequestSlot* block)
+{
+    return block[SLOTS_PER_TABLE - 1].nextSlot;
 }
 
 // Table lock held on entry. Compares addresses only: `slotP` may be a slot of a block trimmed meanwhile.
@@ -330,36 +396,17 @@ int slotLookup(RequestSlot* requestTableP, int32_t messageId, RequestSlot** slot
     return rc;
 }
 
-/* Returns the first slot of the chain's last block; *tailBefore receives the slot that links to it. */
-static RequestSlot* lastSlotBlock(RequestSlot* requestTableP, RequestSlot** tailBefore)
-{
-    RequestSlot* start = requestTableP;
-    *tailBefore = NULL;
-    while (nextBlock(start) != NULL) {
-        *tailBefore = &start[SLOTS_PER_TABLE - 1];
-        start = nextBlock(start);
-    }
-    return start;
-}
-
-static bool slotBlockIsFree(RequestSlot* block)
-{
-    for (int i = 0; i < SLOTS_PER_TABLE; i++)
-        if (block[i].slotState != SLOT_FREE) return false;
-    return true;
-}
-
 // Table lock held on entry.
 static void trimFreeBlocks(RequestSlot* requestTableP)
 {
-    for (;;) {
-        RequestSlot* tailBefore;
-        RequestSlot* block = lastSlotBlock(requestTableP, &tailBefore);
-        if (block == requestTableP || !slotBlockIsFree(block)) return;
+    for (int32_t count = blockCount(requestTableP); count > 1; count--) {
+        RequestSlot* block = blockAt(requestTableP, count - 1);
+        if (block->blockSlotsInUse != 0) return;
         TRACE_DEBUG(2059, "clapi_gwytok.slotFree() Freeing slot table at slotP=%p, first=%d, last=%d\n", (void*)block,
                     block[0].slotNumber, block[SLOTS_PER_TABLE - 1].slotNumber);
         clapiZeroFree((void*)block, SLOTS_PER_TABLE * sizeof(RequestSlot));
-        tailBefore->nextSlot = NULL;
+        blockAt(requestTableP, count - 2)[SLOTS_PER_TABLE - 1].nextSlot = NULL;
+        unindexLastBlock(requestTableP);
     }
 }
 
@@ -367,15 +414,18 @@ static void trimFreeBlocks(RequestSlot* requestTableP)
 void slotFree(RequestSlot* requestTableP, RequestSlot* slotP)
 {
     TRACE_ENTRY(2058, "clapi_gwytok.slotFree(requestTableP=%p, slotP=%p)\n", (void*)requestTableP, (void*)slotP);
+    int32_t position = blockOf(slotP->slotNumber);
     if (slotP->slotState != SLOT_FREE) {
         slotP->slotState = SLOT_FREE;
         blockStart(slotP)->blockSlotsInUse--;
+        SlotIndex* index = requestTableP->tableIndex;
+        if (index != NULL && position < index->firstOpen) index->firstOpen = position;
         clapiDeleteEvent(&slotP->event);
         memset((void*)&slotP->request, 0, sizeof slotP->request);
         slotP->replyAreaLength = 0;
     }
     /* Only a free in the last block trims; trailing free blocks wait for one of their own slots. */
-    if (slotP->slotNumber > SLOTS_PER_TABLE && blockEnd(slotP)->nextSlot == NULL) trimFreeBlocks(requestTableP);
+    if (position > 0 && position == blockCount(requestTableP) - 1) trimFreeBlocks(requestTableP);
     TRACE_EXIT(2060, "clapi_gwytok.slotFree()\n");
 }
 
@@ -605,6 +655,7 @@ static void freeAllSlots(GatewayToken* gwToken)
         clapiZeroFree((void*)block, SLOTS_PER_TABLE * sizeof(RequestSlot));
         block = next;
     }
+    releaseIndex(table);
 }
 
 static void destroyTokenResources(GatewayToken* gwToken)

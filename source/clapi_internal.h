@@ -213,6 +213,8 @@ typedef struct EsiReply {
 #define SLOT_REPLIED   3
 #define SLOT_LUW_KEPT  4
 
+struct SlotIndex;
+
 typedef struct RequestSlot {
     char                eyecatcher[EYE_LEN];
     struct RequestSlot* nextSlot;
@@ -230,6 +232,8 @@ typedef struct RequestSlot {
     uint32_t            requestSerial;
     /* In a block's first slot: how many of the block's slots are not free. */
     int32_t             blockSlotsInUse;
+    /* In a table's first slot: its blocks by position once it has more than one, else NULL. */
+    struct SlotIndex*   tableIndex;
 } RequestSlot;
 
 #define CONN_CONNECTING 0
