@@ -115,22 +115,26 @@ TEST(EsiCalls, AnswersOfZepgwAndTextsRefusedBeforeSending)
     };
     TraceCapture trace(1);
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.userid ? c.userid : "-") + " " + (c.password ? c.password : "-"));
         GatewayToken* tok = tokens[c.token];
-        EsiDetails details;
-        memset(&details, 0x5A, sizeof details);
-        ZEP_setAPITraceLevel(c.id != 0 ? 1 : 0);   // the answered calls untraced, as most applications call
-        trace.clear();
-        const int rc = c.newPassword == nullptr
-                           ? ZEP_ESI_verifyPassword(tok, c.userid, c.password, c.server, &details)
-                           : ZEP_ESI_changePassword(tok, c.userid, c.password, c.newPassword, c.server, &details);
-        EXPECT_EQ(c.rc, rc);
-        EXPECT_EQ(rc != 0, details.esiCount == 0x5A5A5A5A);   // details on success only
-        std::vector<TraceRecord> records = trace.records();
-        ASSERT_EQ(c.id != 0 ? 1u : 0u, records.size());
-        if (c.id != 0) {
-            EXPECT_EQ(c.id, records[0].id);
-            EXPECT_EQ(0u, records[0].message.find(c.message)) << records[0].message;
+        // The answered calls untraced, as most applications call; a refused one traced and untraced as well.
+        for (const int level : c.id != 0 ? std::vector<int>{0, 1} : std::vector<int>{0}) {
+            SCOPED_TRACE(std::string(c.userid ? c.userid : "-") + " " + (c.password ? c.password : "-") + " at level " +
+                         std::to_string(level));
+            EsiDetails details;
+            memset(&details, 0x5A, sizeof details);
+            ZEP_setAPITraceLevel(level);
+            trace.clear();
+            const int rc = c.newPassword == nullptr
+                               ? ZEP_ESI_verifyPassword(tok, c.userid, c.password, c.server, &details)
+                               : ZEP_ESI_changePassword(tok, c.userid, c.password, c.newPassword, c.server, &details);
+            EXPECT_EQ(c.rc, rc);
+            EXPECT_EQ(rc != 0, details.esiCount == 0x5A5A5A5A);   // details on success only
+            std::vector<TraceRecord> records = trace.records();
+            ASSERT_EQ(level != 0 ? 1u : 0u, records.size());
+            if (level != 0) {
+                EXPECT_EQ(c.id, records[0].id);
+                EXPECT_EQ(0u, records[0].message.find(c.message)) << records[0].message;
+            }
         }
     }
     EXPECT_EQ(0, conn.token()->apiCalls);
