@@ -13,23 +13,10 @@ namespace {
 
 using std::chrono::seconds;
 
-int exec(GatewayToken* tok, EciParms&& parms) { return ZEP_ECI_Execute(tok, &parms); }
-
-// Makes a call that must succeed and returns its block, with what the call filled in.
-EciParms called(GatewayToken* tok, int callType, const char* program, void* area, int length, int extendMode = 0,
-                int32_t luw = 0)
-{
-    EciParms parms = eciBlock(callType, program, area, length);
-    parms.eci_extend_mode = static_cast<int16_t>(extendMode);
-    parms.eci_luw_token = luw;
-    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms)) << program;
-    return parms;
-}
-
 // Sends an asynchronous call and returns its message qualifier (0 when it failed).
 uint32_t startCall(GatewayToken* tok, const char* program, void* area, int length, int extendMode = 0)
 {
-    return called(tok, ECI_ASYNC, program, area, length, extendMode).eci_message_qualifier;
+    return called(tok, eciBlock(ECI_ASYNC, program, area, length, extendMode)).eci_message_qualifier;
 }
 
 // Threads asleep on the token's reply event, by the trace.
@@ -48,7 +35,7 @@ TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
     char area[16] = "luw";
     EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, 999, area, sizeof area)));
     // A slot kept for a synchronous unit of work is not an asynchronous request.
-    const int32_t luw = called(tok, ECI_SYNC, "LUW", area, sizeof area, 1).eci_luw_token;
+    const int32_t luw = called(tok, eciBlock(ECI_SYNC, "LUW", area, sizeof area, 1)).eci_luw_token;
     EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, 1, area, sizeof area)));
 
     // Sent but not answered yet; then collected, and its qualifier names a free slot again.
@@ -57,13 +44,13 @@ TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
     EXPECT_EQ(ECI_ERR_NO_REPLY, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, q, area, sizeof area)));
     EXPECT_EQ(0, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, q, area, sizeof area)));
     EXPECT_EQ(ECI_ERR_INVALID_MSG_QUAL, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, q, area, sizeof area)));
-    called(tok, ECI_SYNC, "LUW", area, sizeof area, 2, luw);   // the commit
+    called(tok, eciBlock(ECI_SYNC, "LUW", area, sizeof area, 2, luw));   // the commit
 
     // Extend mode 1 with a reply token of 0: a synchronous call frees its slot; after an asynchronous one the
     // collected slot stays kept, not free and not awaiting a reply.
-    EXPECT_EQ(0, copyOf(called(tok, ECI_SYNC, "ECHO", area, sizeof area, 1).eci_luw_token));
+    EXPECT_EQ(0, copyOf(called(tok, eciBlock(ECI_SYNC, "ECHO", area, sizeof area, 1)).eci_luw_token));
     EXPECT_EQ(1u, startCall(tok, "ECHO", area, sizeof area, 1));
-    EXPECT_EQ(0, copyOf(called(tok, ECI_GET_REPLY_WAIT, "", area, sizeof area).eci_luw_token));
+    EXPECT_EQ(0, copyOf(called(tok, replyBlock(ECI_GET_REPLY_WAIT, 0, area, sizeof area)).eci_luw_token));
     EXPECT_EQ(ECI_ERR_NO_REPLY, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY, 1, area, sizeof area)));
 
     // A specific reply can be taken out of order.
@@ -75,7 +62,7 @@ TEST(EciAsync, QualifiersSlotsAndOrderOfCollection)
     const uint32_t qb = startCall(tok, "UPPER", b, sizeof b);
     ASSERT_EQ(0, exec(tok, replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, qb, reply, sizeof reply)));
     EXPECT_STREQ("BBB", reply);
-    EXPECT_EQ(qa, copyOf(called(tok, ECI_GET_REPLY_WAIT, "", reply, sizeof reply).eci_message_qualifier));
+    EXPECT_EQ(qa, copyOf(called(tok, replyBlock(ECI_GET_REPLY_WAIT, 0, reply, sizeof reply)).eci_message_qualifier));
     EXPECT_STREQ("AAA", reply);
 }
 
@@ -147,7 +134,7 @@ TEST(EciAsync, SendFailingAsTheConnectionEndsReleasesEverythingOnce)
             char area[8] = "lost";
             EciParms parms = eciBlock(ECI_ASYNC, "ECHO", channel ? nullptr : area, channel ? 0 : sizeof area);
             parms.eci_channel = channel;
-            return channel != nullptr ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
+            return exec(tok, parms);
         });
         EXPECT_TRUE(pollUntil([&] { return asyncRequestsOf(tok) == 1; }));
         EXPECT_TRUE(conn.zepgw().signal(SIGKILL));

@@ -8,23 +8,13 @@ namespace {
 
 using std::chrono::seconds;
 
-int exec(GatewayToken* tok, EciParms&& parms) { return ZEP_ECI_Execute(tok, &parms); }
 int execChannel(GatewayToken* tok, EciParms&& parms) { return ZEP_ECI_Execute_Channel(tok, &parms); }
 
 EciParms block(int callType, const char* program, void* area, int length, int extendMode = 0, int32_t luw = 0,
                Channel* channel = nullptr)
 {
-    EciParms parms = eciBlock(callType, program, area, length);
-    parms.eci_extend_mode = static_cast<int16_t>(extendMode);
-    parms.eci_luw_token = luw;
+    EciParms parms = eciBlock(callType, program, area, length, extendMode, luw);
     parms.eci_channel = channel;
-    return parms;
-}
-
-// Makes a call that must succeed and returns its block, with what the call filled in.
-EciParms called(GatewayToken* tok, EciParms parms)
-{
-    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms));
     return parms;
 }
 

@@ -69,11 +69,6 @@ const SyncCase syncCases[] = {
     {"negative container data length", 0, NO_DATA_LENGTH, 0, channelSection(1, -2), ZEP_ERR_LOSTGWCON, -1, 0},
 };
 
-int execute(GatewayToken* tok, EciParms parms)
-{
-    return parms.eci_channel ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
-}
-
 TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
 {
     for (const SyncCase& c : syncCases) {
@@ -88,7 +83,7 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
             parms = eciBlock(ECI_SYNC, "HOSTILE");
             parms.eci_channel = channel;
         }
-        EXPECT_EQ(c.rc, gw.answered([&] { return execute(gw.tok, parms); }, [&](int32_t id) {
+        EXPECT_EQ(c.rc, gw.answered([&] { return exec(gw.tok, parms); }, [&](int32_t id) {
                       return eciReply(id, c.commareaLength, c.dataLength, c.sent, c.channel);
                   }));
         EXPECT_TRUE(guarded.guardsIntact());
@@ -98,7 +93,7 @@ TEST(Hostile, SynchronousRepliesNeverWriteOutsideTheCallersArea)
         if (c.rc != ZEP_ERR_LOSTGWCON) {
             // The stream is still in step: the next reply reaches the next call whole.
             parms = eciBlock(ECI_SYNC, "HOSTILE", guarded.area(), 16);
-            EXPECT_EQ(0, gw.answered([&] { return execute(gw.tok, parms); },
+            EXPECT_EQ(0, gw.answered([&] { return exec(gw.tok, parms); },
                                   [](int32_t id) { return eciReply(id, 4, NO_DATA_LENGTH, 4); }));
             EXPECT_EQ(0, memcmp("ABCD", guarded.area(), 4));
         }

@@ -44,7 +44,7 @@ struct Rounds {
 int call(GatewayToken* tok, EciParms p, Channel* channel = nullptr)
 {
     p.eci_channel = channel;
-    return channel != nullptr ? ZEP_ECI_Execute_Channel(tok, &p) : ZEP_ECI_Execute(tok, &p);
+    return exec(tok, p);
 }
 
 int collect(GatewayToken* tok, int callType, uint32_t qualifier)

@@ -36,9 +36,10 @@ TEST(Receiver, FailuresEndTheirRequestOrEveryWaitingOne)
         EXPECT_EQ(c.rc, faulty.result());
         if (c.rc == 0) { EXPECT_STREQ("PING", faulty.area()); }
         EXPECT_EQ(c.connStatus, connStatusOf(tok));
-        EXPECT_EQ(c.connRc, c.connRc == 0 ? 0 : __atomic_load_n(&tok->connRc, __ATOMIC_RELAXED));
-        const bool traced = c.message ? trace.has(c.id, c.message) : trace.find(c.id).size() == 1;
-        EXPECT_TRUE(c.id == 0 || traced) << trace.text();
+        if (c.connRc != 0) { EXPECT_EQ(c.connRc, __atomic_load_n(&tok->connRc, __ATOMIC_RELAXED)); }
+        if (c.id != 0) {
+            EXPECT_TRUE(c.message ? trace.has(c.id, c.message) : trace.find(c.id).size() == 1) << trace.text();
+        }
         char area[8] = "more";
         EXPECT_EQ(c.connStatus == CONN_OPEN, callProgram(tok, "ECHO", area, 4) == 0);
         if (c.connStatus == CONN_OPEN) { ASSERT_TRUE(gc.zepgw().stop()); }   // ends the waiting ones

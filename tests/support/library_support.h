@@ -34,8 +34,10 @@
 #include "zepclient.h"
 #include "zepgw_process.h"
 
-// A version-6 block for one call of `program` (blank-padded) with the given COMMAREA, every other field 0.
-inline EciParms eciBlock(int callType, const char* program, void* commarea = nullptr, int length = 0)
+// A version-6 block for one call of `program` (blank-padded) with the given COMMAREA, extend mode and LUW token,
+// every other field 0.
+inline EciParms eciBlock(int callType, const char* program, void* commarea = nullptr, int length = 0,
+                         int extendMode = 0, int32_t luw = 0)
 {
     EciParms parms;
     memset(&parms, 0, sizeof parms);
@@ -45,6 +47,21 @@ inline EciParms eciBlock(int callType, const char* program, void* commarea = nul
     memcpy(parms.eci_program_name, program, std::min<size_t>(strlen(program), 8));
     parms.eci_commarea = commarea;
     parms.eci_commarea_length = static_cast<int16_t>(length);
+    parms.eci_extend_mode = static_cast<int16_t>(extendMode);
+    parms.eci_luw_token = luw;
+    return parms;
+}
+
+// One call on a block of its own, through the channel entry point when the block names a channel; its code.
+inline int exec(GatewayToken* tok, EciParms parms)
+{
+    return parms.eci_channel != nullptr ? ZEP_ECI_Execute_Channel(tok, &parms) : ZEP_ECI_Execute(tok, &parms);
+}
+
+// A call that must succeed; its block, with what the call filled in.
+inline EciParms called(GatewayToken* tok, EciParms parms)
+{
+    EXPECT_EQ(0, ZEP_ECI_Execute(tok, &parms));
     return parms;
 }
 
