@@ -222,9 +222,10 @@ static int32_t blockCount(RequestSlot* requestTableP)
     return requestTableP->tableIndex != NULL ? requestTableP->tableIndex->count : 1;
 }
 
+/* A table without an index has only its first block, at position 0. */
 static RequestSlot* blockAt(RequestSlot* requestTableP, int32_t position)
 {
-    return position == 0 ? requestTableP : requestTableP->tableIndex->blocks[position];
+    return requestTableP->tableIndex != NULL ? requestTableP->tableIndex->blocks[position] : requestTableP;
 }
 
 static void releaseIndex(RequestSlot* requestTableP)
