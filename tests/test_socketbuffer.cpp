@@ -7,23 +7,6 @@
 
 namespace {
 
-/* What the library side sent over a SOCK_SEQPACKET pair, and the size of each send. */
-struct Sent {
-    Bytes wire;
-    std::vector<size_t> sizes;
-};
-
-Sent sent(const SocketPair& pair)
-{
-    Sent out;
-    static uint8_t chunk[70000];
-    for (ssize_t got; (got = recv(pair.peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;) {
-        out.wire.insert(out.wire.end(), chunk, chunk + got);
-        out.sizes.push_back((size_t)got);
-    }
-    return out;
-}
-
 const std::string data40k = varied(40000), data70k = varied(70000), password = varied(70001);
 
 Bytes counted(int from, int to)
@@ -90,9 +73,16 @@ TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
         c.write(&out.sb);
         EXPECT_EQ(0, flushBuffer(&out.sb));
         EXPECT_EQ(0u, out.sb.bytesRemaining);
-        Sent s = sent(pair);
-        EXPECT_EQ(c.sizes, s.sizes);
-        EXPECT_TRUE(c.wire == s.wire) << toHex(c.wire).substr(0, 64) << " != " << toHex(s.wire).substr(0, 64);
+        /* What crossed the SOCK_SEQPACKET pair, and the size of each send. */
+        Bytes wire;
+        std::vector<size_t> sizes;
+        static uint8_t chunk[70000];
+        for (ssize_t got; (got = recv(pair.peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;) {
+            wire.insert(wire.end(), chunk, chunk + got);
+            sizes.push_back((size_t)got);
+        }
+        EXPECT_EQ(c.sizes, sizes);
+        EXPECT_TRUE(c.wire == wire) << toHex(c.wire).substr(0, 64) << " != " << toHex(wire).substr(0, 64);
         std::vector<Bytes> dumps;
         for (const TraceRecord& r : trace.find(2526)) dumps.push_back(dumpedBytes(trace.linesAfter(r)));
         if (!c.dumps.empty()) { EXPECT_TRUE(c.dumps == dumps); }
