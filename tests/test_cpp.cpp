@@ -79,7 +79,6 @@ TEST_F(Cpp, AsyncRepliesAreCollectedInAnyOrder)
     zep::PendingReply reversed = conn.callAsync("REVERSE", bytes);
     zep::PendingReply upper = conn.callAsync("UPPER", chars);
     zep::PendingReply echoed = conn.callAsync("ECHO", "sent last");
-    EXPECT_TRUE(reversed.qualifier() != upper.qualifier() && upper.qualifier() != echoed.qualifier());
     EXPECT_EQ(echoed.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(echoed.get().data(), "sent last");
     EXPECT_EQ(upper.get().data(), "XYZ");
@@ -161,7 +160,6 @@ TEST_F(Cpp, ChannelRoundTrip)
     conn.callAsync("CHANNEL", ch).get();
     EXPECT_EQ(ch.get("MODTEXT"), "reverse me");
     EXPECT_EQ(ch.get("RESULT"), "containers=3");
-    EXPECT_EQ(ch.name(), "ROUNDTRIP");
 }
 
 // The built-in systems, the password details and a change of password: zepcall's systems, verify and change cases.

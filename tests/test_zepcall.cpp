@@ -34,7 +34,6 @@ struct Case { const char *prefix, *args; int status; const char *out, *err; };
 
 // In order: the user table changes on the way.
 const Case kCases[] = {
-    {"", "call UPPER hello", 0, "HELLO\n", ""},
     {"printf abc |", "call REVERSE -", 0, "cba\n", ""},
     {"", "call REVERSE --hex '00 01 41'", 0, "0x00000000: 410100                              : A..\n", ""},
     {"", "call ECHO --length 8 abc", 0, "abc\n", ""},
