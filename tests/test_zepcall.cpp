@@ -142,7 +142,6 @@ TEST(Zepcall, PasswordsAreNeitherEchoedNorTraced)
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     close(terminal);
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_NE(seen.find("password of ZEPUSER accepted"), std::string::npos) << seen;
     EXPECT_EQ(seen.find("ZEPPASS1"), std::string::npos) << seen;
     const std::string call = "--trace 5 --trace-file " + trace.path() + " call ECHO data --user BOB";
     EXPECT_EQ(zepcall(gw.port(), call, "ZEP_PASSWORD=SECRET9").status, 0);
