@@ -30,22 +30,24 @@ zep::Error caught(const std::function<void()>& action)
     return zep::Error(0, "nothing thrown");
 }
 
+#define RC(code) code, #code
+
 TEST_F(Cpp, ErrorsCarryTheReturnCodeAndItsName)
 {
     // zepcall's cases raise the refused connect, the abend with its code, the unknown system, the wrong password
     // and the bad channel name through the same calls.
     zep::Channel ch{"ERRORS"};
     const struct { std::function<void()> action; int rc; const char* name; } cases[] = {
-        {[&] { zep::Connection{"127.0.0.1", 0}; }, ZEP_ERR_BADPORT, "ZEP_ERR_BADPORT"},
-        {[&] { zep::Connection("127.0.0.1", gw.port(), 3601s); }, ZEP_ERR_INVALIDTIMEOUTPARM, "ZEP_ERR_INVALIDTIMEOUTPARM"},
-        {[&] { zep::Connection("127.0.0.1", gw.port(), 5s, "NINECHARS"); }, ZEP_ERR_APPLIDTOOLONG, "ZEP_ERR_APPLIDTOOLONG"},
-        {[&] { conn.callAsync("FAIL", "x").get(); }, ECI_ERR_ROLLEDBACK, "ECI_ERR_ROLLEDBACK"},
-        {[&] { conn.call("PROGRAM99", "x"); }, ECI_ERR_INVALID_NAME, "ECI_ERR_INVALID_NAME"},
-        {[&] { conn.call("ECHO", std::string(32768, 'x')); }, ECI_ERR_INVALID_DATA_LENGTH, "ECI_ERR_INVALID_DATA_LENGTH"},
-        {[&] { conn.purge(3601s); }, ZEP_ERR_INVALIDTIMEOUTPARM, "ZEP_ERR_INVALIDTIMEOUTPARM"},
-        {[&] { zep::setTraceLevel(6); }, ZEP_ERR_TRACELEVEL, "ZEP_ERR_TRACELEVEL"},
-        {[&] { zep::setTraceFile("/nonexistent/dir/trace"); }, ZEP_ERR_TRACEFILE, "ZEP_ERR_TRACEFILE"},
-        {[&] { ch.get("MISSING"); }, ECI_ERR_CONTAINER_NOTFOUND, "ECI_ERR_CONTAINER_NOTFOUND"},
+        {[&] { zep::Connection{"127.0.0.1", 0}; }, RC(ZEP_ERR_BADPORT)},
+        {[&] { zep::Connection("127.0.0.1", gw.port(), 3601s); }, RC(ZEP_ERR_INVALIDTIMEOUTPARM)},
+        {[&] { zep::Connection("127.0.0.1", gw.port(), 5s, "NINECHARS"); }, RC(ZEP_ERR_APPLIDTOOLONG)},
+        {[&] { conn.callAsync("FAIL", "x").get(); }, RC(ECI_ERR_ROLLEDBACK)},
+        {[&] { conn.call("PROGRAM99", "x"); }, RC(ECI_ERR_INVALID_NAME)},
+        {[&] { conn.call("ECHO", std::string(32768, 'x')); }, RC(ECI_ERR_INVALID_DATA_LENGTH)},
+        {[&] { conn.purge(3601s); }, RC(ZEP_ERR_INVALIDTIMEOUTPARM)},
+        {[&] { zep::setTraceLevel(6); }, RC(ZEP_ERR_TRACELEVEL)},
+        {[&] { zep::setTraceFile("/nonexistent/dir/trace"); }, RC(ZEP_ERR_TRACEFILE)},
+        {[&] { ch.get("MISSING"); }, RC(ECI_ERR_CONTAINER_NOTFOUND)},
     };
     for (const auto& c : cases) {
         const zep::Error e = caught(c.action);
