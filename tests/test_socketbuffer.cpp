@@ -7,27 +7,7 @@
 
 namespace {
 
-/* What the library side sent over a SOCK_SEQPACKET pair, and the size of each send. */
-struct Sent {
-    Bytes wire;
-    std::vector<size_t> sizes;
-};
-
-Sent sent(const SocketPair& pair)
-{
-    Sent out;
-    static uint8_t chunk[70000];
-    for (ssize_t got; (got = recv(pair.peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;) {
-        out.wire.insert(out.wire.end(), chunk, chunk + got);
-        out.sizes.push_back((size_t)got);
-    }
-    return out;
-}
-
 const std::string data40k = varied(40000), data70k = varied(70000), password = varied(70001);
-
-/* How an *EXC* record shows an errno. */
-std::string errnoText(int error) { return std::string(strerror(error)) + " (" + std::to_string(error) + ")"; }
 
 Bytes counted(int from, int to)
 {
@@ -45,15 +25,13 @@ struct WriteCase {
     std::vector<Bytes> dumps = {};   /* of each send, when looked at: where a masked field lies they show asterisks */
 };
 
-/* The block holds just what was announced; a field that exactly fills what is left goes out in the same send. */
+/* The block holds just what was announced; a field that exactly fills what is left goes out in the same send. An
+   int, and a text padded or cut to its field, are in every golden image of test_esi and test_eci_wire. */
 TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
 {
     const WriteCase cases[] = {
-        {"int", 4, [](SocketBuffer* sb) { writeInt(sb, 0x01020304); }, Wire().hex("01020304").b, {4}},
         {"short keeps its low bits", 2, [](SocketBuffer* sb) { writeShort(sb, 0x12345678); }, Wire().hex("5678").b, {2}},
         {"byte keeps its low bits", 1, [](SocketBuffer* sb) { writeByte(sb, 0x1FF); }, Wire().hex("FF").b, {1}},
-        {"padded cut", 8, [](SocketBuffer* sb) { writePaddedBytes(sb, "ABCDEFGHIJ", 10, 8); }, Wire().text("ABCDEFGH").b, {8}},
-        {"padded filled", 8, [](SocketBuffer* sb) { writePaddedBytes(sb, "ABC", 3, 8); }, Wire().field("ABC", 8).b, {8}},
         {"masked", 2, [](SocketBuffer* sb) { writeBytesMasked(sb, "AB", 2); }, Wire().hex("BE03").b, {2}},
         {"values fill the block", 8,
          [](SocketBuffer* sb) { writeInt(sb, 1); writeShort(sb, 2); writeByte(sb, 3); writeByte(sb, 4); },
@@ -93,9 +71,16 @@ TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
         c.write(&out.sb);
         EXPECT_EQ(0, flushBuffer(&out.sb));
         EXPECT_EQ(0u, out.sb.bytesRemaining);
-        Sent s = sent(pair);
-        EXPECT_EQ(c.sizes, s.sizes);
-        EXPECT_TRUE(c.wire == s.wire) << toHex(c.wire).substr(0, 64) << " != " << toHex(s.wire).substr(0, 64);
+        /* What crossed the SOCK_SEQPACKET pair, and the size of each send. */
+        Bytes wire;
+        std::vector<size_t> sizes;
+        static uint8_t chunk[70000];
+        for (ssize_t got; (got = recv(pair.peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;) {
+            wire.insert(wire.end(), chunk, chunk + got);
+            sizes.push_back((size_t)got);
+        }
+        EXPECT_EQ(c.sizes, sizes);
+        EXPECT_TRUE(c.wire == wire) << toHex(c.wire).substr(0, 64) << " != " << toHex(wire).substr(0, 64);
         std::vector<Bytes> dumps;
         for (const TraceRecord& r : trace.find(2526)) dumps.push_back(dumpedBytes(trace.linesAfter(r)));
         if (!c.dumps.empty()) { EXPECT_TRUE(c.dumps == dumps); }
@@ -106,15 +91,12 @@ TEST(SocketBufferWrite, EachCaseSendsItsBytesInItsSends)
 /* The values read; a braced list is evaluated left to right, so the reads happen in order. */
 using Values = std::vector<long>;
 
-/* A `trace` record is looked at when its id is not 0. */
 struct ReadCase {
     const char* name;
     Bytes message;
     Values (*read)(SocketBuffer*);
     Values values;
     int errorCode = 0;
-    int traceId = 0;
-    const char* trace = "";
 };
 
 /* The value before `n` skipped bytes and the one after them. */
@@ -151,19 +133,18 @@ TEST(SocketBufferRead, EachCaseReadsItsValuesAndLeavesTheNextMessage)
         {"skip one", Wire().i32(1).fill(1, 0xEE).i32(2).b, aroundSkip<1>, {1, 2}},
         {"skip two blocks", Wire().i32(1).fill(70001, 0xEE).i32(2).b, aroundSkip<70001>, {1, 2}},
         {"message shorter than its reads", Wire().hex("0102").b, [](SocketBuffer* sb) { return Values{readInt(sb)}; },
-         {0}, EPROTO, 2546, "*EXC* Message ends early: 4 bytes wanted, 2 bytes left"},
+         {0}, EPROTO},
     };
     for (const ReadCase& c : cases) {
         SCOPED_TRACE(c.name);
         SocketPair pair;
-        TraceCapture trace(4);
+        TraceCapture trace(4);   /* the records of the reads are written as well */
         std::thread writer([&] { pair.feed(c.message); pair.feed(Wire().i32(0x0BADF00D).b); });
         ReadBuffer in(pair.lib, (uint32_t)c.message.size());
         ASSERT_EQ(0, in.rc);
         EXPECT_EQ(c.values, c.read(&in.sb));
         EXPECT_EQ(c.errorCode, in.sb.errorCode);
         if (c.errorCode == 0) { EXPECT_EQ(0u, in.sb.bytesRemaining + in.sb.bytesInBuffer); }
-        if (c.traceId != 0) { EXPECT_EQ(c.trace, onlyRecord(trace, c.traceId)); }
         writer.join();
         ASSERT_EQ(0, initReadBuffer(&in.sb, pair.lib, 4));
         EXPECT_EQ(0x0BADF00D, readInt(&in.sb));
@@ -174,7 +155,7 @@ TEST(SocketBufferRead, EachCaseReadsItsValuesAndLeavesTheNextMessage)
 TEST(SocketBufferFailure, FailedSendOrReceiveIsSticky)
 {
     SocketPair pair;
-    TraceCapture trace(1);
+    TraceCapture trace(1);   /* the record of each failure is written as well */
     pair.feed({0x00, 0x00, 0x01});
     ReadBuffer in(pair.lib, 8);
     pair.closePeer();
@@ -185,7 +166,6 @@ TEST(SocketBufferFailure, FailedSendOrReceiveIsSticky)
     writeInt(&out.sb, 2);
     EXPECT_EQ(4u, out.sb.bytesInBuffer);
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, flushBuffer(&out.sb));
-    EXPECT_EQ("*EXC* Unable to send data to Gateway: " + errnoText(EPIPE), onlyRecord(trace, 2528));
 
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, fillBuffer(&in.sb));
     EXPECT_EQ(ECONNRESET, in.sb.errorCode);
@@ -196,13 +176,12 @@ TEST(SocketBufferFailure, FailedSendOrReceiveIsSticky)
     readBytes(&in.sb, untouched, 2);
     EXPECT_EQ(0x11, untouched[0]);
     EXPECT_EQ(ZEP_ERR_LOSTGWCON, fillBuffer(&in.sb));
-    EXPECT_EQ("*EXC* recv returned an error code: " + errnoText(ECONNRESET), onlyRecord(trace, 2543));
 }
 
 TEST(SocketBufferInit, BlockIsAllocatedOnceAndReusedWhileLargeEnough)
 {
     SocketPair pair;
-    TraceCapture trace(4);
+    TraceCapture trace(4);   /* the record of the refusal is written as well */
     WriteBuffer out(pair.lib, 100);
     ASSERT_EQ(0, out.rc);
     SocketBuffer& sb = out.sb;
@@ -215,21 +194,18 @@ TEST(SocketBufferInit, BlockIsAllocatedOnceAndReusedWhileLargeEnough)
 
     SocketBuffer zeroed = {};
     EXPECT_EQ(ZEP_ERR_SYSTEM_ERROR, freeBuffer(&zeroed));
-    EXPECT_EQ("*EXC* Buffer not initialized: " + pointerText(&zeroed), onlyRecord(trace, 2517));
 }
 
 // A descriptor that is closed or was never valid fails the wait and the buffer.
 TEST(SocketBufferWait, ABadDescriptorFailsTheBuffer)
 {
-    TraceCapture trace(1);
+    TraceCapture trace(1);   /* the record of each failure is written as well */
     int unused = 1000;   /* high enough that the trace file, opened before, does not hold the number */
     while (fcntl(unused, F_GETFD) != -1) unused++;
     for (int fd : {unused, -1}) {
-        trace.clear();
         ReadBuffer bad(fd, 4);
         EXPECT_EQ(ZEP_ERR_LOSTGWCON, waitForResponse(&bad.sb, 1)) << fd;
         EXPECT_EQ(EBADF, bad.sb.errorCode) << fd;
-        EXPECT_EQ("*EXC* select failed: " + errnoText(EBADF), onlyRecord(trace, 2523));
         EXPECT_EQ(ZEP_ERR_LOSTGWCON, fillBuffer(&bad.sb)) << fd;
     }
 }

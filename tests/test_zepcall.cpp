@@ -34,7 +34,6 @@ struct Case { const char *prefix, *args; int status; const char *out, *err; };
 
 // In order: the user table changes on the way.
 const Case kCases[] = {
-    {"", "call UPPER hello", 0, "HELLO\n", ""},
     {"printf abc |", "call REVERSE -", 0, "cba\n", ""},
     {"", "call REVERSE --hex '00 01 41'", 0, "0x00000000: 410100                              : A..\n", ""},
     {"", "call ECHO --length 8 abc", 0, "abc\n", ""},
@@ -72,8 +71,6 @@ const Case kCases[] = {
     {"", "bench -n 20 --program ABEND", 4, "calls:      20 in ",
      "20 of 20 calls failed; the first: ECI_ERR_TRANSACTION_ABEND (-7)"},
     {"", "--port 1 call UPPER hello", 3, "", "ZEP_ERR_CONNECTFAILED (-118): nothing accepted the connection at 127.0.0.1:1\n"},
-    {"ZEP_GATEWAY=127.0.0.1:1", "systems", 3, "",
-     "ZEP_ERR_CONNECTFAILED (-118): nothing accepted the connection at 127.0.0.1:1\n"},
     {"ZEP_GATEWAY=", "systems", 2, "",
      "zepcall: no Gateway given: use --port (and --host) or set ZEP_GATEWAY=host:port (see zepcall systems --help)\n"},
     {"", "--applid NOHS --connect-timeout 1 systems", 3, "", "ZEP_ERR_CONNECTTIMEOUT (-134): the Gateway at 127.0.0.1:"},
@@ -145,7 +142,6 @@ TEST(Zepcall, PasswordsAreNeitherEchoedNorTraced)
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     close(terminal);
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_NE(seen.find("password of ZEPUSER accepted"), std::string::npos) << seen;
     EXPECT_EQ(seen.find("ZEPPASS1"), std::string::npos) << seen;
     const std::string call = "--trace 5 --trace-file " + trace.path() + " call ECHO data --user BOB";
     EXPECT_EQ(zepcall(gw.port(), call, "ZEP_PASSWORD=SECRET9").status, 0);
