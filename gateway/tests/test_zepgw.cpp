@@ -3,16 +3,99 @@
 // its fault modes and its systems file end to end.
 #include <gtest/gtest.h>
 
-#include <csignal>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
-#include "raw_client.h"
+#include <cerrno>
+#include <csignal>
+
+#include "bytes.h"
 #include "run_command.h"
 #include "zepgw_process.h"
 
-using namespace gwtest;
-
 namespace {
+
+Bytes hex(const std::string& digits) { return hexBytes(digits); }
+Bytes ascii(const std::string& text) { return Bytes(text.begin(), text.end()); }
+Bytes be32(int32_t value) { return Wire().i32(value).b; }
+Bytes name16(const std::string& name) { return Wire().field(name, 16).b; }
+// A whole message: header for `payload`, then the payload.
+Bytes message(int32_t flowType, int32_t messageId, const std::string& type, const Bytes& payload)
+{
+    return cat({Wire().header(flowType, messageId, type, static_cast<int32_t>(payload.size())).b, payload});
+}
+
+// An ECI request payload of kind 1 as the client library lays it out; program and system are the 8 bytes sent,
+// channel a whole channel section or none.
+Bytes eciPayload(const std::string& program, const std::string& commarea, int32_t extendMode = 0,
+                 int32_t luwToken = 0, const std::string& system = "        ", const Bytes& channel = {})
+{
+    Wire w;
+    w.i32(1).i32(extendMode).i32(luwToken).i32(0).u8(0).i32(8).text(system).field("USER1", 16);
+    w.i32(2).scrambled("ab").text(program).text("TRN1");
+    w.i32(0).i32(static_cast<int32_t>(commarea.size())).u8(0).u8(0).text(commarea);
+    if (channel.empty()) w.u8(0); else w.u8(0xFF).raw(channel);
+    return w.i16(0).u8(0).i32(-1).i32(7).b;
+}
+Bytes eciMessage(int32_t messageId, const std::string& program, const std::string& commarea)
+{
+    return message(1, messageId, "ECI", eciPayload(program, commarea));
+}
+
+// A bare protocol client: it sends byte strings written by hand and reads back whole messages, knowing only
+// where the header keeps its lengths. Every read gives up after 5 s.
+class RawClient {
+public:
+    ~RawClient() { close(); }
+
+    // Connects to zepgw, and exchanges a handshake with this APPLID unless it is empty.
+    bool connect(int port, const std::string& applid = "TESTAPP")
+    {
+        close();
+        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+        const timeval limit{5, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return false;
+        const Bytes names = Wire().i16(int32_t(applid.size())).text(applid).i16(0).b;
+        Bytes answer;
+        return applid.empty() ||
+               (call(message(5, -2, "BASE", cat({hex("0002656E 00024742 00000000 00000000 0000"), names})), answer) &&
+                wordAt(answer, 8) == 5);
+    }
+    bool send(const Bytes& bytes)
+    {
+        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+    // One whole message; false on a time-out or the end.
+    bool read(Bytes& message) { return readMessage(fd_, message); }
+    // A request and its one answer.
+    bool call(const Bytes& request, Bytes& answer) { return send(request) && read(answer); }
+    // Reads until the peer closes; true when it did before a read timed out. What arrived first is added to *rest.
+    bool waitClosed(Bytes* rest = nullptr)
+    {
+        uint8_t buf[4096];
+        ssize_t r;
+        while ((r = recv(fd_, buf, sizeof buf, 0)) > 0)
+            if (rest != nullptr) rest->insert(rest->end(), buf, buf + r);
+        // A reset counts as closed too; only the time-out does not.
+        return r == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+    }
+    // Ends the sending side only, as a client that stops in mid-message.
+    void endSending() { shutdown(fd_, SHUT_WR); }
+    void close()
+    {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_ = -1;
+};
 
 const std::string kAlphabet = [] { std::string s; for (int i = 0; i < 10; ++i) s += "abcdefghij"; return s; }();
 const char kHandshakeReply[] = "47617465 10901000 00000005 FFFFFFFE 00000000 00000004 42415345 00 00000012"

@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -30,23 +29,6 @@ void closeFd(int& fd)
     fd = -1;
 }
 
-// Reads into `line` until a newline has come; false when none came within `seconds` or the stream ended first.
-bool readLine(int fd, std::string& line, double seconds)
-{
-    const Clock::time_point start = Clock::now();
-    while (line.find('\n') == std::string::npos) {
-        pollfd p{fd, POLLIN, 0};
-        const int left = static_cast<int>(1000 * (seconds - secondsSince(start)));
-        const int ready = ::poll(&p, 1, left < 0 ? 0 : left);
-        if (ready < 0 && errno == EINTR) continue;
-        char buf[4096];
-        const ssize_t n = ready > 0 ? ::read(fd, buf, sizeof buf) : 0;
-        if (n <= 0) return false;
-        line.append(buf, static_cast<size_t>(n));
-    }
-    return true;
-}
-
 }  // namespace
 
 const char* ZepgwProcess::path() { return ZEPGW_PATH; }
@@ -54,7 +36,7 @@ const char* ZepgwProcess::path() { return ZEPGW_PATH; }
 ZepgwProcess::~ZepgwProcess()
 {
     if (pid_ > 0 && !exited_) stop();
-    closeFds();
+    closeInput();
     // Shown by the test runner when a test fails.
     std::fputs(log().c_str(), stderr);
     closeFd(logFd_);
@@ -87,22 +69,19 @@ bool ZepgwProcess::start(std::vector<std::string> extraArgs)
     closeFd(inPipe[0]);
     closeFd(outPipe[1]);
     stdinFd_ = inPipe[1];
-    stdoutFd_ = outPipe[0];
     exited_ = false;
-    std::string line;
+    // zepgw writes its port line in one write as soon as it listens, and nothing else to its standard output.
+    char line[32] = {};
     char* end = nullptr;
-    if (pid_ > 0 && readLine(stdoutFd_, line, 10)) port_ = static_cast<int>(std::strtol(line.c_str(), &end, 10));
-    if (end != nullptr && end != line.c_str() && *end == '\n' && port_ > 0 && port_ <= 65535) return true;
+    pollfd ready{outPipe[0], POLLIN, 0};
+    if (pid_ > 0 && ::poll(&ready, 1, 10000) == 1 && ::read(outPipe[0], line, sizeof line - 1) > 0)
+        port_ = static_cast<int>(std::strtol(line, &end, 10));
+    closeFd(outPipe[0]);
+    if (end != nullptr && end != line && *end == '\n' && port_ > 0 && port_ <= 65535) return true;
     if (pid_ > 0) stop();
     pid_ = -1;
-    closeFds();
+    closeInput();
     return false;
-}
-
-void ZepgwProcess::closeFds()
-{
-    closeFd(stdinFd_);
-    closeFd(stdoutFd_);
 }
 
 void ZepgwProcess::closeInput() { closeFd(stdinFd_); }
@@ -149,7 +128,7 @@ bool ZepgwProcess::stop()
             status_ = -1;
         }
     }
-    closeFds();
+    closeInput();
     return exited_ && WIFEXITED(status_) && WEXITSTATUS(status_) == 0;
 }
 

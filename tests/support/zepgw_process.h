@@ -33,12 +33,9 @@ public:
     static const char* path();   // the zepgw binary of this build
 
 private:
-    void closeFds();
-
     pid_t pid_ = -1;
     int port_ = -1;
     int stdinFd_ = -1;   // write end of zepgw's standard input
-    int stdoutFd_ = -1;  // read end of zepgw's standard output
     int logFd_ = -1;     // zepgw's standard error
     bool exited_ = false;
     bool paused_ = false;
