@@ -233,15 +233,6 @@ public:
             sent += static_cast<size_t>(n);
         }
     }
-    // Everything the library side sends up to its end of sending, read within `seconds`.
-    Bytes take(double seconds = 5) const
-    {
-        Bytes out;
-        bool ended = false;
-        if (!pollUntil([&] { out = cat({out, drain(&ended)}); return ended; }, seconds))
-            ADD_FAILURE() << "the library side sent " << out.size() << " bytes and then nothing in time";
-        return out;
-    }
     // Everything already sent to the peer, without waiting for more; *ended tells whether the library side ended.
     Bytes drain(bool* ended = nullptr) const
     {
