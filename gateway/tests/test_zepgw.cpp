@@ -133,10 +133,6 @@ protected:
 
 // Whole requests and the whole answers to them, in order on one connection.
 struct Exchange { Bytes request, answer; };
-Exchange esiExchange(int32_t id, const Bytes& request, const Bytes& reply)
-{
-    return {message(1, id, "ESI", request), message(3, id, "ESI", reply)};
-}
 
 TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
 {
@@ -160,9 +156,9 @@ TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
                          "000007E7 00000000 00000001 0000000B 00000000 0000001E 00000000"
                          "000007E6 00000000 00000001 0000000A 00000000 00000014 00000000 00000001")},
         // The users file replaces the built-in users; an ESI kind the Gateway does not know is a system error.
-        esiExchange(3, esi("SECOND", "two2"), be32(-105)),
-        esiExchange(4, esi("ZEPUSER", "ZEPPASS1"), be32(-108)),
-        esiExchange(5, esi("BOBBY", "SECRET7", 7), be32(-9)),
+        {message(1, 3, "ESI", esi("SECOND", "two2")), message(3, 3, "ESI", be32(-105))},
+        {message(1, 4, "ESI", esi("ZEPUSER", "ZEPPASS1")), message(3, 4, "ESI", be32(-108))},
+        {message(1, 5, "ESI", esi("BOBBY", "SECRET7", 7)), message(3, 5, "ESI", be32(-9))},
         // So is an ECI request of a kind it does not know, with an error flow.
         {message(1, 6, "ECI", hex("00000005 0000 00 FFFFFFFF 00000001")),
          hex("47617465 10901000 00000004 00000006 0000F005 00000003 454349 00 00000000")},
