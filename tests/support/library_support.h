@@ -231,14 +231,13 @@ public:
             sent += static_cast<size_t>(n);
         }
     }
-    // Everything already sent to the peer, without waiting for more; *ended tells whether the library side ended.
-    Bytes drain(bool* ended = nullptr) const
+    // Everything already sent to the peer, without waiting for more.
+    Bytes drain() const
     {
         Bytes out;
         uint8_t chunk[65536];
-        ssize_t got;
-        while ((got = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) out.insert(out.end(), chunk, chunk + got);
-        if (ended != nullptr) *ended = got == 0 || errno != EAGAIN;
+        for (ssize_t got; (got = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;)
+            out.insert(out.end(), chunk, chunk + got);
         return out;
     }
     int lib = -1;
