@@ -45,9 +45,6 @@ int applyReply(const Bytes& bytes, Channel* channel)
     return readChannel(&in.sb, channel);
 }
 
-/* A program reply with no COMMAREA, then the channel section. */
-Wire programReply() { return std::move(Wire().i32(1).i32(0).i32(0).i32(0).text("    ").i32(0).u8(0).u8(0xFF)); }
-
 TEST(ChannelWrite, SectionCarriesEveryContainerWithChangeMarkOne)
 {
     SocketPair pair;
@@ -137,7 +134,8 @@ TEST(ChannelRead, ReplyChannelLandsInTheRequestsChannelOrIsDropped)
         TestChannel t;
         EciRequest request = {};
         request.channel = withChannel ? t.channel : NULL;
-        Wire reply = programReply().raw(section("STRAY", 0, 2).b);
+        /* A program reply with no COMMAREA, then the channel section. */
+        Wire reply = Wire().i32(1).fill(12, 0).text("    ").i32(0).u8(0).u8(0xFF).raw(section("STRAY", 0, 2).b);
         record(record(reply, "NEW", 1, ECI_BIT, 0, 2, "nn"), "TWO", 1, ECI_BIT, 0, 0);
         pair.feed(reply.b);
         pair.feed(Wire().i32(0x0BADF00D).b);

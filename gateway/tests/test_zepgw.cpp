@@ -131,9 +131,6 @@ protected:
     RawClient client;
 };
 
-// Whole requests and the whole answers to them, in order on one connection.
-struct Exchange { Bytes request, answer; };
-
 TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
 {
     TempFile users("# test users\n\nBOBBY SECRET7\r\nSECOND two2 expired\n");
@@ -147,7 +144,8 @@ TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
                                   ascii(kAlphabet), hex("00 0000 00 FFFFFFFF 00000007")});
     const Bytes esiRequest = hex("47617465 10901000 00000001 00000002 00000000 00000003 455349 00 00000021"
                                  "00000000 424F424259 0000000000 00000007 AC160611171163 54455354 00000000");
-    const Exchange exchanges[] = {
+    // Whole requests and the whole answers to them, in order on one connection.
+    const struct { Bytes request, answer; } exchanges[] = {
         {hs, hex(kHandshakeReply)},
         {eciRequest, cat({hex("47617465 10901000 00000003 00000001 00000000 00000003 454349 00 0000007E"
                               "00000001 00000000 00000000 00000000 20202020 00000064 00"), ascii(kAlphabet), hex("00")})},
@@ -164,7 +162,7 @@ TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
          hex("47617465 10901000 00000004 00000006 0000F005 00000003 454349 00 00000000")},
         {hex(kClose), hex(kClose)},
     };
-    for (const Exchange& e : exchanges) {
+    for (const auto& e : exchanges) {
         Bytes answer;
         ASSERT_TRUE(client.call(e.request, answer));
         EXPECT_EQ(toHex(answer), toHex(e.answer));
