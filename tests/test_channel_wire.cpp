@@ -48,6 +48,7 @@ int applyReply(const Bytes& bytes, Channel* channel)
 TEST(ChannelWrite, SectionCarriesEveryContainerWithChangeMarkOne)
 {
     SocketPair pair;
+    TraceCapture trace(2);
     Channel* channel = NULL;
     ASSERT_EQ(0, ECI_createChannel("OUTBOUND", &channel));
     ASSERT_EQ(0, ECI_createContainer(channel, "EMPTY", ECI_BIT, 0, NULL, 0));
@@ -58,6 +59,10 @@ TEST(ChannelWrite, SectionCarriesEveryContainerWithChangeMarkOne)
     Wire expected = section("OUTBOUND", channel->ccsid, 2);
     record(record(expected, "FIVE", 1, ECI_BIT, 0, 5, "12345"), "EMPTY", 1, ECI_BIT, 0, 0);
     EXPECT_EQ(toHex(expected.b), toHex(pair.drain()));
+    /* The only traced write of ECI_BIT containers: the record names the type that the bytes give as a number. */
+    EXPECT_EQ((std::vector<std::string>{"EVENT Writing container \"FIVE\", type=ECI_BIT, CCSID=0, data length=5",
+                                        "EVENT Writing container \"EMPTY\", type=ECI_BIT, CCSID=0, data length=0"}),
+              recordTexts(trace, 3246));
     EXPECT_EQ(0, ECI_deleteChannel(&channel));
 }
 
