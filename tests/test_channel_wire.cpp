@@ -45,9 +45,6 @@ int applyReply(const Bytes& bytes, Channel* channel)
     return readChannel(&in.sb, channel);
 }
 
-/* A program reply with no COMMAREA, then the channel section. */
-Wire programReply() { return std::move(Wire().i32(1).i32(0).i32(0).i32(0).text("    ").i32(0).u8(0).u8(0xFF)); }
-
 TEST(ChannelWrite, SectionCarriesEveryContainerWithChangeMarkOne)
 {
     SocketPair pair;
@@ -62,17 +59,10 @@ TEST(ChannelWrite, SectionCarriesEveryContainerWithChangeMarkOne)
     Wire expected = section("OUTBOUND", channel->ccsid, 2);
     record(record(expected, "FIVE", 1, ECI_BIT, 0, 5, "12345"), "EMPTY", 1, ECI_BIT, 0, 0);
     EXPECT_EQ(toHex(expected.b), toHex(pair.drain()));
-    EXPECT_EQ("EVENT Writing channel \"OUTBOUND\", CCSID=" + std::to_string(channel->ccsid) + ", num containers=2",
-              onlyRecord(trace, 3245));
+    /* The only traced write of ECI_BIT containers: the record names the type that the bytes give as a number. */
     EXPECT_EQ((std::vector<std::string>{"EVENT Writing container \"FIVE\", type=ECI_BIT, CCSID=0, data length=5",
                                         "EVENT Writing container \"EMPTY\", type=ECI_BIT, CCSID=0, data length=0"}),
               recordTexts(trace, 3246));
-    EciRequest request = {};
-    request.requestKind = ECI_KIND_PROGRAM;
-    request.optionalMarker = -1;
-    int32_t without = calculateECIRequestSize(&request);
-    request.channel = channel;
-    EXPECT_EQ(without + 85, calculateECIRequestSize(&request));
     EXPECT_EQ(0, ECI_deleteChannel(&channel));
 }
 
@@ -149,7 +139,8 @@ TEST(ChannelRead, ReplyChannelLandsInTheRequestsChannelOrIsDropped)
         TestChannel t;
         EciRequest request = {};
         request.channel = withChannel ? t.channel : NULL;
-        Wire reply = programReply().raw(section("STRAY", 0, 2).b);
+        /* A program reply with no COMMAREA, then the channel section. */
+        Wire reply = Wire().i32(1).fill(12, 0).text("    ").i32(0).u8(0).u8(0xFF).raw(section("STRAY", 0, 2).b);
         record(record(reply, "NEW", 1, ECI_BIT, 0, 2, "nn"), "TWO", 1, ECI_BIT, 0, 0);
         pair.feed(reply.b);
         pair.feed(Wire().i32(0x0BADF00D).b);

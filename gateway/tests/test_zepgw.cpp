@@ -3,16 +3,99 @@
 // its fault modes and its systems file end to end.
 #include <gtest/gtest.h>
 
-#include <csignal>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
-#include "raw_client.h"
+#include <cerrno>
+#include <csignal>
+
+#include "bytes.h"
 #include "run_command.h"
 #include "zepgw_process.h"
 
-using namespace gwtest;
-
 namespace {
+
+Bytes hex(const std::string& digits) { return hexBytes(digits); }
+Bytes ascii(const std::string& text) { return Bytes(text.begin(), text.end()); }
+Bytes be32(int32_t value) { return Wire().i32(value).b; }
+Bytes name16(const std::string& name) { return Wire().field(name, 16).b; }
+// A whole message: header for `payload`, then the payload.
+Bytes message(int32_t flowType, int32_t messageId, const std::string& type, const Bytes& payload)
+{
+    return cat({Wire().header(flowType, messageId, type, static_cast<int32_t>(payload.size())).b, payload});
+}
+
+// An ECI request payload of kind 1 as the client library lays it out; program and system are the 8 bytes sent,
+// channel a whole channel section or none.
+Bytes eciPayload(const std::string& program, const std::string& commarea, int32_t extendMode = 0,
+                 int32_t luwToken = 0, const std::string& system = "        ", const Bytes& channel = {})
+{
+    Wire w;
+    w.i32(1).i32(extendMode).i32(luwToken).i32(0).u8(0).i32(8).text(system).field("USER1", 16);
+    w.i32(2).scrambled("ab").text(program).text("TRN1");
+    w.i32(0).i32(static_cast<int32_t>(commarea.size())).u8(0).u8(0).text(commarea);
+    if (channel.empty()) w.u8(0); else w.u8(0xFF).raw(channel);
+    return w.i16(0).u8(0).i32(-1).i32(7).b;
+}
+Bytes eciMessage(int32_t messageId, const std::string& program, const std::string& commarea)
+{
+    return message(1, messageId, "ECI", eciPayload(program, commarea));
+}
+
+// A bare protocol client: it sends byte strings written by hand and reads back whole messages, knowing only
+// where the header keeps its lengths. Every read gives up after 5 s.
+class RawClient {
+public:
+    ~RawClient() { close(); }
+
+    // Connects to zepgw, and exchanges a handshake with this APPLID unless it is empty.
+    bool connect(int port, const std::string& applid = "TESTAPP")
+    {
+        close();
+        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+        const timeval limit{5, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return false;
+        const Bytes names = Wire().i16(int32_t(applid.size())).text(applid).i16(0).b;
+        Bytes answer;
+        return applid.empty() ||
+               (call(message(5, -2, "BASE", cat({hex("0002656E 00024742 00000000 00000000 0000"), names})), answer) &&
+                wordAt(answer, 8) == 5);
+    }
+    bool send(const Bytes& bytes)
+    {
+        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+    // One whole message; false on a time-out or the end.
+    bool read(Bytes& message) { return readMessage(fd_, message); }
+    // A request and its one answer.
+    bool call(const Bytes& request, Bytes& answer) { return send(request) && read(answer); }
+    // Reads until the peer closes; true when it did before a read timed out. What arrived first is added to *rest.
+    bool waitClosed(Bytes* rest = nullptr)
+    {
+        uint8_t buf[4096];
+        ssize_t r;
+        while ((r = recv(fd_, buf, sizeof buf, 0)) > 0)
+            if (rest != nullptr) rest->insert(rest->end(), buf, buf + r);
+        // A reset counts as closed too; only the time-out does not.
+        return r == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+    }
+    // Ends the sending side only, as a client that stops in mid-message.
+    void endSending() { shutdown(fd_, SHUT_WR); }
+    void close()
+    {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_ = -1;
+};
 
 const std::string kAlphabet = [] { std::string s; for (int i = 0; i < 10; ++i) s += "abcdefghij"; return s; }();
 const char kHandshakeReply[] = "47617465 10901000 00000005 FFFFFFFE 00000000 00000004 42415345 00 00000012"
@@ -48,13 +131,6 @@ protected:
     RawClient client;
 };
 
-// Whole requests and the whole answers to them, in order on one connection.
-struct Exchange { Bytes request, answer; };
-Exchange esiExchange(int32_t id, const Bytes& request, const Bytes& reply)
-{
-    return {message(1, id, "ESI", request), message(3, id, "ESI", reply)};
-}
-
 TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
 {
     TempFile users("# test users\n\nBOBBY SECRET7\r\nSECOND two2 expired\n");
@@ -68,7 +144,8 @@ TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
                                   ascii(kAlphabet), hex("00 0000 00 FFFFFFFF 00000007")});
     const Bytes esiRequest = hex("47617465 10901000 00000001 00000002 00000000 00000003 455349 00 00000021"
                                  "00000000 424F424259 0000000000 00000007 AC160611171163 54455354 00000000");
-    const Exchange exchanges[] = {
+    // Whole requests and the whole answers to them, in order on one connection.
+    const struct { Bytes request, answer; } exchanges[] = {
         {hs, hex(kHandshakeReply)},
         {eciRequest, cat({hex("47617465 10901000 00000003 00000001 00000000 00000003 454349 00 0000007E"
                               "00000001 00000000 00000000 00000000 20202020 00000064 00"), ascii(kAlphabet), hex("00")})},
@@ -77,15 +154,15 @@ TEST_F(Zepgw, GoldenImagesOfHandshakeEciEsiAndClose)
                          "000007E7 00000000 00000001 0000000B 00000000 0000001E 00000000"
                          "000007E6 00000000 00000001 0000000A 00000000 00000014 00000000 00000001")},
         // The users file replaces the built-in users; an ESI kind the Gateway does not know is a system error.
-        esiExchange(3, esi("SECOND", "two2"), be32(-105)),
-        esiExchange(4, esi("ZEPUSER", "ZEPPASS1"), be32(-108)),
-        esiExchange(5, esi("BOBBY", "SECRET7", 7), be32(-9)),
+        {message(1, 3, "ESI", esi("SECOND", "two2")), message(3, 3, "ESI", be32(-105))},
+        {message(1, 4, "ESI", esi("ZEPUSER", "ZEPPASS1")), message(3, 4, "ESI", be32(-108))},
+        {message(1, 5, "ESI", esi("BOBBY", "SECRET7", 7)), message(3, 5, "ESI", be32(-9))},
         // So is an ECI request of a kind it does not know, with an error flow.
         {message(1, 6, "ECI", hex("00000005 0000 00 FFFFFFFF 00000001")),
          hex("47617465 10901000 00000004 00000006 0000F005 00000003 454349 00 00000000")},
         {hex(kClose), hex(kClose)},
     };
-    for (const Exchange& e : exchanges) {
+    for (const auto& e : exchanges) {
         Bytes answer;
         ASSERT_TRUE(client.call(e.request, answer));
         EXPECT_EQ(toHex(answer), toHex(e.answer));

@@ -39,8 +39,7 @@
 inline EciParms eciBlock(int callType, const char* program, void* commarea = nullptr, int length = 0,
                          int extendMode = 0, int32_t luw = 0)
 {
-    EciParms parms;
-    memset(&parms, 0, sizeof parms);
+    EciParms parms = {};
     parms.eci_version = 6;
     parms.eci_call_type = static_cast<int16_t>(callType);
     memset(parms.eci_program_name, ' ', sizeof parms.eci_program_name);
@@ -147,7 +146,6 @@ class BackgroundCall {
 public:
     BackgroundCall(GatewayToken* tok, const char* program, const char* data = "")
     {
-        memset(area_, 0, sizeof area_);
         snprintf(area_, sizeof area_, "%s", data);
         parms_ = eciBlock(ECI_SYNC, program, area_, sizeof area_);
         result_ = std::async(std::launch::async, [this, tok] { return ZEP_ECI_Execute(tok, &parms_); });
@@ -163,7 +161,7 @@ public:
 
 private:
     EciParms parms_;
-    char area_[64];
+    char area_[64] = {};
     std::future<int> result_;
 };
 
@@ -233,23 +231,13 @@ public:
             sent += static_cast<size_t>(n);
         }
     }
-    // Everything the library side sends up to its end of sending, read within `seconds`.
-    Bytes take(double seconds = 5) const
-    {
-        Bytes out;
-        bool ended = false;
-        if (!pollUntil([&] { out = cat({out, drain(&ended)}); return ended; }, seconds))
-            ADD_FAILURE() << "the library side sent " << out.size() << " bytes and then nothing in time";
-        return out;
-    }
-    // Everything already sent to the peer, without waiting for more; *ended tells whether the library side ended.
-    Bytes drain(bool* ended = nullptr) const
+    // Everything already sent to the peer, without waiting for more.
+    Bytes drain() const
     {
         Bytes out;
         uint8_t chunk[65536];
-        ssize_t got;
-        while ((got = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) out.insert(out.end(), chunk, chunk + got);
-        if (ended != nullptr) *ended = got == 0 || errno != EAGAIN;
+        for (ssize_t got; (got = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;)
+            out.insert(out.end(), chunk, chunk + got);
         return out;
     }
     int lib = -1;
@@ -260,12 +248,9 @@ public:
 template <bool reading>
 struct TestBuffer {
     TestBuffer(int fd, uint32_t length)
-    {
-        memset(&sb, 0, sizeof sb);
-        rc = reading ? initReadBuffer(&sb, fd, length) : initWriteBuffer(&sb, fd, length);
-    }
+        : rc(reading ? initReadBuffer(&sb, fd, length) : initWriteBuffer(&sb, fd, length)) {}
     ~TestBuffer() { if (sb.buffer != NULL) freeBuffer(&sb); }
-    SocketBuffer sb;
+    SocketBuffer sb = {};
     int rc;
 };
 using ReadBuffer = TestBuffer<true>;
@@ -274,8 +259,7 @@ using WriteBuffer = TestBuffer<false>;
 // The header a request writer is handed: FLOW_REQUEST, its message id and request type name.
 inline FlowHeader requestHeader(int32_t messageId, const char* requestType)
 {
-    FlowHeader header;
-    memset(&header, 0, sizeof header);
+    FlowHeader header = {};
     header.eyecatcher = FLOW_EYECATCHER;
     header.version = FLOW_VERSION;
     header.flowType = FLOW_REQUEST;

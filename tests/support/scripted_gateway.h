@@ -28,9 +28,7 @@ public:
     {
         signal(SIGPIPE, SIG_IGN);
         listener_ = socket(AF_INET, SOCK_STREAM, 0);
-        struct sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        struct sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         bind(listener_, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
         listen(listener_, 1);
         socklen_t length = sizeof address;

@@ -92,9 +92,9 @@ std::vector<TraceRecord> TraceCapture::parse(const std::string& text) {
 
 std::vector<TraceRecord> TraceCapture::find(int id) const
 {
-    std::vector<TraceRecord> result = records();
-    result.erase(std::remove_if(result.begin(), result.end(), [id](const TraceRecord& r) { return r.id != id; }),
-                 result.end());
+    std::vector<TraceRecord> result;
+    for (const TraceRecord& r : records())
+        if (r.id == id) result.push_back(r);
     return result;
 }
 
