@@ -7,7 +7,6 @@
 #include <thread>
 
 #include "library_support.h"
-#include "trace_capture.h"
 
 namespace {
 

@@ -1,6 +1,5 @@
 // Synchronous ECI calls against zepgw: data both ways, codes, lengths, credentials, LUWs, and channels.
 #include "library_support.h"
-#include "trace_capture.h"
 
 namespace {
 

@@ -1,6 +1,5 @@
 // Replies a Gateway should never send: nothing lands outside the caller's area, and no cut reply passes for whole.
 #include <climits>
-#include <functional>
 #include <memory>
 
 #include "library_support.h"
