@@ -1,7 +1,5 @@
 // Gateway tokens and their request slots: the token list of real connections (lookup, the formatted line, the
-// dump), the slot table on its own (lowest free slot first, blocks of 16 and their trimming), and 34 requests
-// in flight on zepgw.
-#include <memory>
+// dump), and the slot table on its own (lowest free slot first, blocks of 16 and their trimming).
 #include <vector>
 
 #include "library_support.h"
@@ -104,17 +102,6 @@ TEST(SlotTable, LowestFreeSlotFirstAndOnlyTheLastBlockTrims)
     slotFree(table, slots[32]);
     EXPECT_EQ(16, chainLength(table)) << "freeing slot 33 trims the third block and then the free second one";
     for (int n = 1; n <= 16; n++) slotFree(table, slots[n - 1]);
-}
-
-TEST(SlotsInFlight, DeletingATokenFreesBlocksStillInUse)
-{
-    GatewayConnection gc({"-v"});
-    std::vector<std::unique_ptr<BackgroundCall>> calls;
-    for (int i = 0; i < 34; i++) calls.push_back(std::make_unique<BackgroundCall>(gc.token(), "HANG"));
-    ASSERT_TRUE(awaitRequestsLogged(gc.zepgw(), "HANG", 34));
-    EXPECT_EQ(48, slotsInState(gc.token()));
-    EXPECT_EQ(0, ZEP_purgeGatewayConnection(gc.tokenPtr(), 0));
-    for (auto& call : calls) EXPECT_EQ(ZEP_ERR_GWTOK_CLOSED, call->result());
 }
 
 }  // namespace

@@ -111,21 +111,13 @@ INSTANTIATE_TEST_SUITE_P(
         LimitCase{"ZEP_CLIENT_DATA_OFFSET", "5", "Data truncation size=128, offset=5"},
         LimitCase{"ZEP_CLIENT_DATA_OFFSET", "-3", "Data truncation size=128, offset=0"}));
 
-TEST(SetTraceLevel, RefusesOtherValuesAndKeepsTheLevel)
-{
-    setEnvironment({});
-    TraceCapture trace(3);   // the refusal's records are written as well
-    for (int value : {6, -1}) {
-        EXPECT_EQ(ZEP_ERR_TRACELEVEL, ZEP_setAPITraceLevel(value)) << value;
-        EXPECT_EQ(3, currentLevel());
-    }
-}
-
-TEST(SetTraceFile, SwitchToAFileAndBackAndRefuseAnUnopenableOne)
+TEST(SetTraceFileAndLevel, SwitchToAFileAndBackAndRefuseWhatIsOutOfRange)
 {
     setEnvironment({});
     StderrCapture err;
     ASSERT_EQ(0, ZEP_setAPITraceLevel(4));
+    for (int value : {6, -1}) EXPECT_EQ(ZEP_ERR_TRACELEVEL, ZEP_setAPITraceLevel(value)) << value;
+    EXPECT_EQ(4, currentLevel()) << "a refused level keeps the one before";
     std::string path;
     {
         TraceCapture trace(-1);
