@@ -1,8 +1,9 @@
-// Load against zepgw answering out of order: many callers on one connection, many opens and closes. Run by
-// .ci/run; ZEP_STRESS_SCALE (default 1) scales the counts.
+// Load against zepgw answering out of order: many callers on one connection, many asynchronous requests
+// outstanding, many opens and closes. Run by .ci/run; ZEP_STRESS_SCALE (default 1) scales the counts.
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <random>
 #include <thread>
 
 #include "library_support.h"
@@ -57,6 +58,34 @@ TEST_F(Stress, SixtyFourCallersShareOneConnection)
     printf("stress: %d threads x %d synchronous calls in %.1f s: %.0f calls/s\n", threads, calls, seconds,
            threads * calls / seconds);
     EXPECT_EQ(0, failures.load());
+}
+
+TEST_F(Stress, FiveHundredAsynchronousRequestsCollectedByQualifierInRandomOrder)
+{
+    const int requests = 500;
+    auto start = Clock::now();
+    std::vector<std::pair<uint32_t, std::string>> sent;
+    for (int i = 0; i < requests; ++i) {
+        char area[16];
+        int length = snprintf(area, sizeof area, "async %05d", i);
+        EciParms parms = eciBlock(ECI_ASYNC, "REVERSE", area, length);
+        ASSERT_EQ(0, ZEP_ECI_Execute(tok_, &parms)) << i;
+        sent.emplace_back(parms.eci_message_qualifier, std::string(std::make_reverse_iterator(area + length),
+                                                                   std::make_reverse_iterator(area)));
+    }
+    double sending = secondsSince(start);
+    std::shuffle(sent.begin(), sent.end(), std::mt19937(std::random_device{}()));
+    for (const auto& [qualifier, expected] : sent) {
+        char area[16] = {0};
+        EciParms parms = replyBlock(ECI_GET_SPECIFIC_REPLY_WAIT, qualifier, area, sizeof area);
+        ASSERT_EQ(0, ZEP_ECI_Execute(tok_, &parms)) << qualifier;
+        ASSERT_EQ(expected, std::string(area, expected.size())) << qualifier;
+    }
+    char area[16];
+    EciParms none = replyBlock(ECI_GET_REPLY, 0, area, sizeof area);
+    EXPECT_EQ(ECI_ERR_NO_REPLY, ZEP_ECI_Execute(tok_, &none));
+    printf("stress: %d asynchronous requests sent in %.3f s, all collected in %.3f s\n", requests, sending,
+           secondsSince(start));
 }
 
 int entriesOf(const char* directory)
