@@ -173,4 +173,16 @@ TEST(CppHeader, RefusesToCompileWithoutExceptions)
     EXPECT_EQ(result.output.find("exception handling disabled"), std::string::npos) << result.output;
 }
 
+
+// `make demo` runs this program; nothing else in the test run would notice it broken.
+TEST_F(Cpp, DemoRunsEveryStep)
+{
+    const CommandResult result = runCommand(ZEP_DEMO_CPP " " + std::to_string(gw.port()));
+    EXPECT_EQ(result.status, 0) << result.output;
+    for (const char* line : {"  UPPER answered \"HELLO, GATEWAY\"\n", "  reply to 1: \"tseuqer tsrif\"\n",
+                             "  MODTEXT          CHAR  10 bytes: em esrever\n",
+                             "  first time:            Friday 01 January 2021 09:00:10\n", "demo: every step worked\n"})
+        EXPECT_NE(result.output.find(line), std::string::npos) << line << result.output;
+}
+
 }  // namespace
