@@ -173,7 +173,6 @@ TEST(CppHeader, RefusesToCompileWithoutExceptions)
     EXPECT_EQ(result.output.find("exception handling disabled"), std::string::npos) << result.output;
 }
 
-
 // `make demo` runs this program; nothing else in the test run would notice it broken.
 TEST_F(Cpp, DemoRunsEveryStep)
 {
