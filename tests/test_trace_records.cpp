@@ -1,13 +1,13 @@
-// Trace record layout, level gating per record type, and the layout of storage dumps.
+// Trace records: level gating per record type, the fields of a record, and the layout of storage dumps.
 #include <gtest/gtest.h>
 
 #include <pthread.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <ctime>
 
 #include "clapi_diag.h"
+#include "test_support.h"
 #include "trace_capture.h"
 #include "zepclient.h"
 
@@ -23,38 +23,20 @@ std::string dumpLine(const void* address, const char* text)
     return start + hex + strstr(text, " : ");
 }
 
-TEST(TraceRecordLayout, FieldsOfAnEntryRecord)
-{
-    TraceCapture trace(3);
-    char* version = nullptr;
-    ASSERT_EQ(0, ZEP_getDLLVersion(&version));
-    ASSERT_EQ(1u, trace.find(1032).size());
-    // "dd/mm/yy hh:mm:ss:mmm", pid and tid as 8 upper-case hex digits, the id in four digits, the type padded to
-    // six characters and one blank before the message.
-    char expected[256], stamp[32];
-    snprintf(expected, sizeof expected, " [0x%8.8X,0x%8.8X] [1032] ENTRY  API.ZEP_getDLLVersion(dllVersPtr=%p)",
-             static_cast<unsigned>(getpid()), static_cast<unsigned>(static_cast<uintptr_t>(pthread_self())),
-             static_cast<void*>(&version));
-    const time_t now = time(nullptr);
-    strftime(stamp, sizeof stamp, "%d/%m/%y %H:", localtime(&now));
-    const std::string line = trace.lines()[trace.find(1032)[0].line];
-    EXPECT_EQ(expected, line.substr(21));
-    EXPECT_EQ(std::string(stamp).substr(0, 9), line.substr(0, 9));   // the date; ":mm:ss:mmm" follows the hour
-}
-
-// Each level writes the record types at or below it: *EXC* 1, EVENT 2, ENTRY/EXIT 3, DEBUG/DATA 4.
+// Each level writes the record types at or below it: *EXC* 1, EVENT 2, ENTRY/EXIT 3, DEBUG/DATA 4. A record names
+// the caller's process and thread, and an entry record the call's arguments.
 TEST(TraceLevelGating, RecordTypesPerLevel)
 {
     const struct { const char* type; int id; int lowestLevel; } emitters[] = {
         {"*EXC*", 1033, 1}, {"EVENT", 1015, 2}, {"ENTRY", 1029, 3}, {"EXIT", 1031, 3}, {"DEBUG", 1049, 4}, {"DATA", 1334, 4},
     };
     TraceCapture trace(-1);
+    char* version = nullptr;
     for (int level = 0; level <= 5; ++level) {
         ASSERT_EQ(0, ZEP_setAPITraceLevel(level));
         trace.clear();
         ZEP_getDLLVersion(nullptr);                   // *EXC* 1033
         ZEP_closeAllGatewayConnections();             // EVENT 1015
-        char* version = nullptr;
         ZEP_getAPIVersion(&version);                  // ENTRY 1029, EXIT 1031
         ZEP_setAPITraceDataLength(128);               // DEBUG 1049
         Channel* channel = nullptr;
@@ -67,6 +49,11 @@ TEST(TraceLevelGating, RecordTypesPerLevel)
             EXPECT_EQ(found.empty() ? "" : emitter.type, found.empty() ? "" : found[0].type);
         }
         EXPECT_EQ(level == 0, trace.text().empty());
+        if (level != 3) continue;
+        const TraceRecord entry = trace.find(1029).at(0);
+        EXPECT_EQ(std::make_pair(static_cast<uint32_t>(getpid()), static_cast<uint32_t>(uintptr_t(pthread_self()))),
+                  std::make_pair(entry.pid, entry.tid));
+        EXPECT_EQ("API.ZEP_getAPIVersion(apiVersPtr=" + pointerText(&version) + ")", entry.message);
     }
 }
 
