@@ -80,8 +80,8 @@ TEST(ReturnCodes, EveryCodeOfEveryFamilyHasItsValueAndName)
     }
 }
 
-// The copy is bounded at 40 bytes: the name, then NULs up to the 40th byte, and nothing beyond. At level 3 the
-// exit record is written for a name and for a NULL buffer.
+// The copy is bounded at 40 bytes: the name, then NULs up to the 40th byte, and nothing beyond; a NULL buffer
+// gives NULL. Traced at level 3, so that the copy's exit record is written on both ways out.
 TEST(ReturnCodes, CopyFillsExactlyFortyBytes)
 {
     TraceCapture trace(3);
