@@ -283,12 +283,18 @@ static void deliverSlotLocked(GatewayToken* tok, RequestSlot* slot, int32_t code
     clapiClearEventOutsideMutex(&slot->event);
 }
 
-// Runs on the receiver thread. A free slot has no event to signal and no requester; it is left alone.
-static void deliverSlot(GatewayToken* tok, RequestSlot* slot, int32_t code)
+/*
+ * Runs on the receiver thread. A free slot has no event to signal and no requester; it is left alone. The reply's
+ * LUW token goes into the request copy under the table lock, because slotFind matches tokens under that lock.
+ */
+static void deliverSlot(GatewayToken* tok, RequestSlot* slot, int32_t code, int32_t luwToken)
 {
     if (slot == NULL) return;
     clapiRequestLock(&tok->tableLock);
-    if (slot->slotState != SLOT_FREE) deliverSlotLocked(tok, slot, code);
+    if (slot->slotState != SLOT_FREE) {
+        slot->request.eci_luw_token = luwToken;
+        deliverSlotLocked(tok, slot, code);
+    }
     clapiReleaseLock(&tok->tableLock);
 }
 
@@ -333,8 +339,9 @@ static int lookupSlot(GatewayToken* tok, int32_t messageId, RequestSlot** slot)
     return rc;
 }
 
-// Runs on the receiver thread. Decodes an ECI reply into the waiting request's own storage.
-static int readEciReply(Receiver* r, RequestSlot* slot)
+// Runs on the receiver thread. Decodes an ECI reply into the waiting request's own storage; *luwToken receives
+// the reply's LUW token, which the delivery stores.
+static int readEciReply(Receiver* r, RequestSlot* slot, int32_t* luwToken)
 {
     EciRequest reply;
     memset(&reply, 0, sizeof reply);
@@ -352,7 +359,7 @@ static int readEciReply(Receiver* r, RequestSlot* slot)
     if (rc != 0) return rc;
     memcpy(slot->request.eci_abend_code, reply.abendCode, sizeof reply.abendCode);
     slot->request.commarea_inbound_length = (int16_t)reply.inboundLength;
-    slot->request.eci_luw_token = reply.requestKind == ECI_KIND_SYSTEMS ? reply.replyToken : reply.luwToken;
+    *luwToken = reply.requestKind == ECI_KIND_SYSTEMS ? reply.replyToken : reply.luwToken;
     slot->replyRc = reply.returnCode;
     if (reply.returnCode != 0)
         TRACE_EXC(3043, "clapi_gwycon.receiverThread() Gateway returned ECI error, rc=%d (%s)\n", reply.returnCode,
@@ -390,8 +397,9 @@ static int handleReply(Receiver* r)
     int rc = lookupSlot(r->tok, r->header.messageId, &slot);
     if (rc != 0) return rc;
     int32_t code = r->header.returnCode;
+    int32_t luwToken = slot->request.eci_luw_token;
     if (requestTypeIs(&r->header, ECI_REQUEST_NAME)) {
-        if ((rc = readEciReply(r, slot)) != 0) return rc;
+        if ((rc = readEciReply(r, slot, &luwToken)) != 0) return rc;
     } else if (requestTypeIs(&r->header, ESI_REQUEST_NAME)) {
         if ((rc = readEsiReply(r, slot)) != 0) return rc;
     } else {
@@ -399,7 +407,7 @@ static int handleReply(Receiver* r)
                   r->header.requestType);
         code = ZEP_ERR_SYSTEM_ERROR;
     }
-    deliverSlot(r->tok, slot, code);
+    deliverSlot(r->tok, slot, code, luwToken);
     return 0;
 }
 
